@@ -294,7 +294,7 @@ Url Url::appendingPathComponent(std::string_view component, bool isDirectory) co
   std::string escaped = percentEscape(component, kPathAllowed);
   if (escaped.starts_with("/") && parts.path.ends_with("/")) escaped.erase(0, 1);
   if (!parts.path.empty() && !parts.path.ends_with("/") && !escaped.starts_with("/")) parts.path += "/";
-  if (parts.path.empty() && parts.authority && !escaped.starts_with("/")) parts.path = "/";
+  if (parts.path.empty() && parts.authority && !escaped.starts_with("/")) parts.path.push_back('/');
   parts.path += escaped;
   if (isDirectory && !parts.path.ends_with("/")) parts.path += "/";
   return Url(join(parts), base_);

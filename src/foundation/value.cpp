@@ -68,6 +68,7 @@ std::ptrdiff_t ValueSet::find(const Value& value) const {
 void ValueSet::rebuildIndex() {
   index_.clear();
   if (items_.size() <= kLinearSetLimit) return;
+  index_.reserve(items_.size());
   for (std::size_t i = 0; i < items_.size(); ++i) index_.emplace(items_[i].hash(), i);
 }
 

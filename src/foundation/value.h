@@ -21,6 +21,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <variant>
 #include <vector>
 
@@ -95,7 +96,7 @@ class ValueSet {
   void rebuildIndex();
 
   Array items_;
-  std::multimap<std::size_t, std::size_t> index_;  // hash -> position, used once the set grows
+  std::unordered_multimap<std::size_t, std::size_t> index_;  // hash -> position, once the set grows
 };
 
 class Value {
