@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <ctime>
+#include <ostream>
 
 namespace tesselune {
 
@@ -13,7 +14,9 @@ std::string Object::description() const {
   return fmt::format("<{}: {}>", className(), static_cast<const void*>(this));
 }
 
-Value Object::valueForKey(std::string_view) const { return {}; }
+Value Object::valueForKey(std::string_view) const {
+  return {};
+}
 
 Date Date::now() {
   using namespace std::chrono;
@@ -32,8 +35,8 @@ std::string Date::isoString() const {
   std::time_t seconds = static_cast<std::time_t>(whole);
   std::tm tm{};
   gmtime_r(&seconds, &tm);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                     tm.tm_hour, tm.tm_min, tm.tm_sec, millis);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", tm.tm_year + 1900, tm.tm_mon + 1,
+                     tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, millis);
 }
 
 // ---- ValueSet ----
@@ -91,7 +94,9 @@ bool ValueSet::erase(const Value& value) {
   return true;
 }
 
-bool ValueSet::contains(const Value& value) const { return find(value) >= 0; }
+bool ValueSet::contains(const Value& value) const {
+  return find(value) >= 0;
+}
 
 bool operator==(const ValueSet& a, const ValueSet& b) {
   if (a.size() != b.size()) return false;
@@ -114,17 +119,23 @@ const Value& nullValue() {
 
 bool Value::boolValue(bool fallback) const {
   switch (type()) {
-    case Type::Bool: return asBool();
-    case Type::Integer: return asInteger() != 0;
-    case Type::Double: return asDouble() != 0.0;
-    default: return fallback;
+    case Type::Bool:
+      return asBool();
+    case Type::Integer:
+      return asInteger() != 0;
+    case Type::Double:
+      return asDouble() != 0.0;
+    default:
+      return fallback;
   }
 }
 
 std::int64_t Value::integerValue(std::int64_t fallback) const {
   switch (type()) {
-    case Type::Bool: return asBool() ? 1 : 0;
-    case Type::Integer: return asInteger();
+    case Type::Bool:
+      return asBool() ? 1 : 0;
+    case Type::Integer:
+      return asInteger();
     case Type::Double: {
       double d = asDouble();
       if (std::isnan(d)) return 0;
@@ -132,16 +143,21 @@ std::int64_t Value::integerValue(std::int64_t fallback) const {
       if (d <= -9.2233720368547758e18) return INT64_MIN;
       return static_cast<std::int64_t>(d);
     }
-    default: return fallback;
+    default:
+      return fallback;
   }
 }
 
 double Value::doubleValue(double fallback) const {
   switch (type()) {
-    case Type::Bool: return asBool() ? 1.0 : 0.0;
-    case Type::Integer: return static_cast<double>(asInteger());
-    case Type::Double: return asDouble();
-    default: return fallback;
+    case Type::Bool:
+      return asBool() ? 1.0 : 0.0;
+    case Type::Integer:
+      return static_cast<double>(asInteger());
+    case Type::Double:
+      return asDouble();
+    default:
+      return fallback;
   }
 }
 
@@ -160,10 +176,14 @@ const Value& Value::at(std::size_t index) const {
 
 std::size_t Value::count() const {
   switch (type()) {
-    case Type::Array: return asArray().size();
-    case Type::Set: return asSet().size();
-    case Type::Dictionary: return asDictionary().size();
-    default: return 0;
+    case Type::Array:
+      return asArray().size();
+    case Type::Set:
+      return asSet().size();
+    case Type::Dictionary:
+      return asDictionary().size();
+    default:
+      return 0;
   }
 }
 
@@ -181,18 +201,31 @@ bool numbersEqual(const Value& a, const Value& b) {
   return static_cast<std::int64_t>(x) == i.integerValue();
 }
 
-std::size_t combine(std::size_t seed, std::size_t h) { return seed ^ (h + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2)); }
+std::size_t combine(std::size_t seed, std::size_t h) {
+  return seed ^ (h + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2));
+}
 
 std::string quoted(std::string_view s) {
   std::string out = "\"";
   for (char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default: out.push_back(c);
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        out.push_back(c);
     }
   }
   return out + "\"";
@@ -204,33 +237,42 @@ bool operator==(const Value& a, const Value& b) {
   if (a.isNumber() && b.isNumber()) return numbersEqual(a, b);
   if (a.type() != b.type()) return false;
   switch (a.type()) {
-    case Value::Type::Null: return true;
+    case Value::Type::Null:
+      return true;
     case Value::Type::Object: {
       const ObjectPtr& x = a.asObject();
       const ObjectPtr& y = b.asObject();
       return x == y || x->isEqual(*y);
     }
-    default: return a.v_ == b.v_;
+    default:
+      return a.v_ == b.v_;
   }
 }
 
 std::size_t Value::hash() const {
   switch (type()) {
-    case Type::Null: return 0x6e756c6cULL;
+    case Type::Null:
+      return 0x6e756c6cULL;
     case Type::Bool:
     case Type::Integer:
     case Type::Double: {
       // Equal numbers must hash alike across kinds: integral doubles hash as integers.
       double d = doubleValue();
-      if (isDouble() && (std::trunc(d) != d || std::abs(d) >= 9.2233720368547758e18)) return std::hash<double>()(d);
+      if (isDouble() && (std::trunc(d) != d || std::abs(d) >= 9.2233720368547758e18))
+        return std::hash<double>()(d);
       return std::hash<std::int64_t>()(integerValue());
     }
-    case Type::String: return std::hash<std::string>()(asString());
-    case Type::Data: return std::hash<std::string_view>()(
-        std::string_view(reinterpret_cast<const char*>(asData().data()), asData().size()));
-    case Type::Date: return std::hash<double>()(asDate().secondsSinceReferenceDate);
-    case Type::Uuid: return std::hash<tesselune::Uuid>()(asUuid());
-    case Type::Url: return std::hash<tesselune::Url>()(asUrl());
+    case Type::String:
+      return std::hash<std::string>()(asString());
+    case Type::Data:
+      return std::hash<std::string_view>()(
+          std::string_view(reinterpret_cast<const char*>(asData().data()), asData().size()));
+    case Type::Date:
+      return std::hash<double>()(asDate().secondsSinceReferenceDate);
+    case Type::Uuid:
+      return std::hash<tesselune::Uuid>()(asUuid());
+    case Type::Url:
+      return std::hash<tesselune::Url>()(asUrl());
     case Type::Array: {
       std::size_t h = asArray().size();
       for (const Value& v : asArray()) h = combine(h, v.hash());
@@ -244,21 +286,28 @@ std::size_t Value::hash() const {
     }
     case Type::Dictionary: {
       std::size_t h = asDictionary().size();
-      for (const auto& [k, v] : asDictionary()) h = combine(combine(h, std::hash<std::string>()(k)), v.hash());
+      for (const auto& [k, v] : asDictionary())
+        h = combine(combine(h, std::hash<std::string>()(k)), v.hash());
       return h;
     }
-    case Type::Object: return asObject()->hash();
+    case Type::Object:
+      return asObject()->hash();
   }
   return 0;
 }
 
 std::string Value::description() const {
   switch (type()) {
-    case Type::Null: return "nil";
-    case Type::Bool: return asBool() ? "true" : "false";
-    case Type::Integer: return std::to_string(asInteger());
-    case Type::Double: return fmt::format("{}", asDouble());
-    case Type::String: return quoted(asString());
+    case Type::Null:
+      return "nil";
+    case Type::Bool:
+      return asBool() ? "true" : "false";
+    case Type::Integer:
+      return std::to_string(asInteger());
+    case Type::Double:
+      return fmt::format("{}", asDouble());
+    case Type::String:
+      return quoted(asString());
     case Type::Data: {
       std::string out = "<";
       for (std::size_t i = 0; i < asData().size(); ++i) {
@@ -267,8 +316,10 @@ std::string Value::description() const {
       }
       return out + ">";
     }
-    case Type::Date: return asDate().isoString();
-    case Type::Uuid: return asUuid().string();
+    case Type::Date:
+      return asDate().isoString();
+    case Type::Uuid:
+      return asUuid().string();
     case Type::Url: {
       const Url& u = asUrl();
       if (u.baseUrl() == nullptr) return u.relativeString();
@@ -294,9 +345,14 @@ std::string Value::description() const {
       }
       return out + "}";
     }
-    case Type::Object: return asObject()->description();
+    case Type::Object:
+      return asObject()->description();
   }
   return {};
+}
+
+std::ostream& operator<<(std::ostream& out, const Value& value) {
+  return out << value.description();
 }
 
 }  // namespace tesselune

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <iosfwd>
 #include <map>
 #include <memory>
 #include <string>
@@ -101,7 +102,21 @@ class ValueSet {
 
 class Value {
  public:
-  enum class Type { Null, Bool, Integer, Double, String, Data, Date, Uuid, Url, Array, Set, Dictionary, Object };
+  enum class Type {
+    Null,
+    Bool,
+    Integer,
+    Double,
+    String,
+    Data,
+    Date,
+    Uuid,
+    Url,
+    Array,
+    Set,
+    Dictionary,
+    Object
+  };
 
   Value() = default;
   Value(std::nullptr_t) {}
@@ -125,8 +140,8 @@ class Value {
   Value(tesselune::Dictionary d) : v_(std::move(d)) {}
   Value(ObjectPtr o);
   template <class T>
-    requires std::is_base_of_v<tesselune::Object, T>
-  Value(std::shared_ptr<T> o) : Value(ObjectPtr(std::move(o))) {}
+  requires std::is_base_of_v<tesselune::Object, T> Value(std::shared_ptr<T> o)
+      : Value(ObjectPtr(std::move(o))) {}
 
   static Value array(std::initializer_list<Value> values) { return Value(tesselune::Array(values)); }
   static Value set(std::initializer_list<Value> values) { return Value(ValueSet(values)); }
@@ -201,14 +216,17 @@ class Value {
   friend bool operator==(const Value& a, const Value& b);
 
  private:
-  std::variant<std::monostate, bool, std::int64_t, double, std::string, Bytes, tesselune::Date, tesselune::Uuid,
-               tesselune::Url, tesselune::Array, ValueSet, tesselune::Dictionary, ObjectPtr>
+  std::variant<std::monostate, bool, std::int64_t, double, std::string, Bytes, tesselune::Date,
+               tesselune::Uuid, tesselune::Url, tesselune::Array, ValueSet, tesselune::Dictionary, ObjectPtr>
       v_;
   bool mutable_ = false;
 };
 
 // The shared null returned by failed lookups.
 const Value& nullValue();
+
+// Writes description(), so that logs and test failures show values readably.
+std::ostream& operator<<(std::ostream& out, const Value& value);
 
 }  // namespace tesselune
 

@@ -17,12 +17,23 @@ TEST(UrlTest, ResolvesReferencesAsRfc3986) {
   Url base = url("http://a/b/c/d;p?q");
   // The normal and abnormal examples of RFC 3986, section 5.4.
   std::vector<std::pair<const char*, const char*>> cases = {
-      {"g", "http://a/b/c/g"},        {"./g", "http://a/b/c/g"},      {"g/", "http://a/b/c/g/"},
-      {"/g", "http://a/g"},           {"//g", "http://g"},            {"?y", "http://a/b/c/d;p?y"},
-      {"g?y", "http://a/b/c/g?y"},    {"#s", "http://a/b/c/d;p?q#s"}, {"", "http://a/b/c/d;p?q"},
-      {".", "http://a/b/c/"},         {"..", "http://a/b/"},          {"../g", "http://a/b/g"},
-      {"../..", "http://a/"},         {"../../../g", "http://a/g"},   {"/./g", "http://a/g"},
-      {"g;x=1/../y", "http://a/b/c/y"}, {"g:h", "g:h"},
+      {"g", "http://a/b/c/g"},
+      {"./g", "http://a/b/c/g"},
+      {"g/", "http://a/b/c/g/"},
+      {"/g", "http://a/g"},
+      {"//g", "http://g"},
+      {"?y", "http://a/b/c/d;p?y"},
+      {"g?y", "http://a/b/c/g?y"},
+      {"#s", "http://a/b/c/d;p?q#s"},
+      {"", "http://a/b/c/d;p?q"},
+      {".", "http://a/b/c/"},
+      {"..", "http://a/b/"},
+      {"../g", "http://a/b/g"},
+      {"../..", "http://a/"},
+      {"../../../g", "http://a/g"},
+      {"/./g", "http://a/g"},
+      {"g;x=1/../y", "http://a/b/c/y"},
+      {"g:h", "g:h"},
   };
   for (const auto& [reference, expected] : cases) {
     auto u = Url::parse(reference, base);
@@ -72,7 +83,8 @@ TEST(UrlTest, AppendingAndDeletingPathComponents) {
   EXPECT_EQ(store.pathExtension(), "tesselune");
   Url temporary = library.appendingPathComponent("temporaryFiles", true);
   EXPECT_EQ(temporary.absoluteString(), "file:///home/me/Library/temporaryFiles/");
-  EXPECT_EQ(Url::fileUrl("/a/b", false).appendingPathComponent("c d", false).absoluteString(), "file:///a/b/c%20d");
+  EXPECT_EQ(Url::fileUrl("/a/b", false).appendingPathComponent("c d", false).absoluteString(),
+            "file:///a/b/c%20d");
 
   EXPECT_EQ(url("file:///a/b/c").deletingLastPathComponent().absoluteString(), "file:///a/b/");
   EXPECT_EQ(url("file:///a/b/c/").deletingLastPathComponent().absoluteString(), "file:///a/b/");
@@ -104,7 +116,8 @@ TEST(UrlTest, ObjectUrisOfTheStore) {
 
 TEST(UrlTest, RelativePathBelowAFolder) {
   Url library = Url::fileUrl("/data/Tesselune Data Library", true);
-  EXPECT_EQ(Url::fileUrl("/data/Tesselune Data Library/run 1/raw", true).relativePathFrom(library), "run 1/raw/");
+  EXPECT_EQ(Url::fileUrl("/data/Tesselune Data Library/run 1/raw", true).relativePathFrom(library),
+            "run 1/raw/");
   EXPECT_FALSE(Url::fileUrl("/data/Tesselune Data Library2/x", false).relativePathFrom(library));
   EXPECT_FALSE(url("http://data/Tesselune%20Data%20Library/x").relativePathFrom(library));
 }

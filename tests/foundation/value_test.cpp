@@ -46,7 +46,8 @@ TEST(ValueTest, EqualValuesHashAlike) {
       {Value(2), Value(2.0)},
       {Value(true), Value(1)},
       {Value::set({1, 2, 3}), Value::set({3, 2, 1})},
-      {Value::dictionary({{"a", 1}, {"b", Value::array({"x"})}}), Value::dictionary({{"b", Value::array({"x"})}, {"a", 1.0}})},
+      {Value::dictionary({{"a", 1}, {"b", Value::array({"x"})}}),
+       Value::dictionary({{"b", Value::array({"x"})}, {"a", 1.0}})},
       {Value(Value::array({1, 2}).setMutable()), Value::array({1, 2})},
   };
   for (const auto& [a, b] : pairs) {
