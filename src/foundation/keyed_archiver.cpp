@@ -170,8 +170,8 @@ struct KeyedArchiver::Impl {
       }
       case Value::Type::String: {
         const std::string& s = value.asString();
-        if (s.find('\0') != std::string::npos) {
-          fail(encodingError("a string contains a NUL character"));
+        if (!plist::isWritableString(s)) {
+          fail(encodingError("a string is not UTF-8 or contains NUL"));
           return 0;
         }
         if (value.isMutable()) {

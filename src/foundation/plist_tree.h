@@ -37,6 +37,10 @@ std::optional<std::uint64_t> unsignedValue(plist_t node);
 std::optional<std::uint64_t> uidValue(plist_t node);
 bool isType(plist_t node, plist_type type);
 
+// Whether libplist can write the text: valid UTF-8 without NUL characters. libplist writes other
+// text as broken UTF-16 that no reader accepts.
+bool isWritableString(std::string_view text);
+
 // The Error for unreadable input.
 Error corruptError(std::string_view why);
 

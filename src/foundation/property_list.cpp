@@ -61,8 +61,12 @@ class BinaryChecker {
     for (std::uint64_t i = 0; i < count_; ++i) {
       const std::uint64_t offset = readBigEndian(data_.data() + tableOffset_ + i * offsetSize_, offsetSize_);
       if (offset < 8 || offset >= tableOffset_) return fail(corruptError("object offset out of range"));
+      offsets_.push_back(offset);
       if (auto s = checkObject(i, offset); !s) return s;
       totalRefs += children_[i].count;
+    }
+    for (std::uint64_t key : keys_) {
+      if (auto s = checkKey(key); !s) return s;
     }
     return checkGraph(top, std::min<std::uint64_t>(kMaxExpandedNodes, 4 * totalRefs + 65536));
   }
@@ -138,11 +142,30 @@ class BinaryChecker {
             return fail(corruptError("reference to a missing object"));
         }
         children_[index] = {pos, n};
+        if (high == 0xD) {
+          for (std::uint64_t k = 0; k < n / 2; ++k) keys_.push_back(child(index, k));
+        }
         return {};
       }
       default:
         return fail(corruptError(fmt::format("unknown object marker 0x{:02x}", marker)));
     }
+  }
+
+  // Dictionary keys must be strings; libplist cannot handle a key with a NUL character in it.
+  Status checkKey(std::uint64_t index) {
+    std::uint64_t pos = offsets_[index];
+    const std::uint8_t marker = data_[pos++];
+    const std::uint8_t high = marker >> 4;
+    if (high != 0x5 && high != 0x6) return fail(corruptError("a dictionary key is not a string"));
+    auto n = length(marker & 0x0F, pos);
+    if (!n) return fail(n.error());
+    const std::size_t unit = high == 0x6 ? 2 : 1;
+    for (std::uint64_t k = 0; k < *n; ++k) {
+      const std::uint8_t* c = data_.data() + pos + k * unit;
+      if (c[0] == 0 && (unit == 1 || c[1] == 0)) return fail(corruptError("a dictionary key contains NUL"));
+    }
+    return {};
   }
 
   std::uint64_t child(std::uint64_t index, std::uint64_t k) const {
@@ -191,6 +214,8 @@ class BinaryChecker {
   std::uint64_t count_ = 0;
   std::uint64_t tableOffset_ = 0;
   std::vector<Children> children_;
+  std::vector<std::uint64_t> offsets_;
+  std::vector<std::uint64_t> keys_;  // objects used as dictionary keys
 };
 
 bool startsWithTag(std::string_view text, std::size_t pos, std::string_view tag) {
@@ -258,6 +283,43 @@ Expected<Bytes> serialize(plist_t root, PropertyListFormat format) {
     plist_to_xml_free(out);
   }
   return bytes;
+}
+
+bool isWritableString(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c == 0) return false;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    std::size_t n = 0;
+    std::uint32_t cp = 0;
+    if ((c & 0xE0) == 0xC0) {
+      n = 1;
+      cp = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      n = 2;
+      cp = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      n = 3;
+      cp = c & 0x07;
+    } else {
+      return false;
+    }
+    if (i + n >= text.size()) return false;
+    for (std::size_t k = 1; k <= n; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      cp = (cp << 6) | (next & 0x3F);
+    }
+    // Overlong forms, surrogates and values beyond Unicode.
+    static constexpr std::uint32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
+    if (cp < kMinimum[n] || (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) return false;
+    i += n + 1;
+  }
+  return true;
 }
 
 bool isType(plist_t node, plist_type type) {
@@ -371,7 +433,7 @@ Expected<plist::PlistPtr> fromValue(const Value& value, std::size_t depth) {
       return plist::PlistPtr(plist_new_real(value.asDouble()));
     case Value::Type::String: {
       const std::string& s = value.asString();
-      if (s.find('\0') != std::string::npos) return fail(writeError("a string contains a NUL character"));
+      if (!plist::isWritableString(s)) return fail(writeError("a string is not UTF-8 or contains NUL"));
       return plist::PlistPtr(plist_new_string(s.c_str()));
     }
     case Value::Type::Data: {
@@ -403,7 +465,7 @@ Expected<plist::PlistPtr> fromValue(const Value& value, std::size_t depth) {
             plist_new_uid(static_cast<std::uint64_t>(entries.begin()->second.asInteger())));
       plist::PlistPtr dict(plist_new_dict());
       for (const auto& [key, item] : entries) {
-        if (key.find('\0') != std::string::npos) return fail(writeError("a key contains a NUL character"));
+        if (!plist::isWritableString(key)) return fail(writeError("a key is not UTF-8 or contains NUL"));
         auto child = fromValue(item, depth + 1);
         if (!child) return child;
         plist_dict_set_item(dict.get(), key.c_str(), child->release());

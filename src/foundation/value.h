@@ -84,11 +84,12 @@ class ValueSet {
   bool insert(Value value);
   bool erase(const Value& value);
   bool contains(const Value& value) const;
-  std::size_t size() const { return items_.size(); }
-  bool empty() const { return items_.empty(); }
+  // Defined below Value, which must be complete first.
+  std::size_t size() const;
+  bool empty() const;
   const Array& values() const { return items_; }
-  auto begin() const { return items_.begin(); }
-  auto end() const { return items_.end(); }
+  Array::const_iterator begin() const;
+  Array::const_iterator end() const;
 
   friend bool operator==(const ValueSet& a, const ValueSet& b);
 
@@ -221,6 +222,19 @@ class Value {
       v_;
   bool mutable_ = false;
 };
+
+inline std::size_t ValueSet::size() const {
+  return items_.size();
+}
+inline bool ValueSet::empty() const {
+  return items_.empty();
+}
+inline Array::const_iterator ValueSet::begin() const {
+  return items_.begin();
+}
+inline Array::const_iterator ValueSet::end() const {
+  return items_.end();
+}
 
 // The shared null returned by failed lookups.
 const Value& nullValue();

@@ -81,8 +81,10 @@ TEST(PropertyList, WritesWhatItReadsInBothFormats) {
 }
 
 TEST(PropertyList, RefusesToWriteWhatIsNoPropertyList) {
+  // libplist would write text that is not UTF-8 as UTF-16 that nothing reads back.
   for (const Value& v : {Value(), Value(Uuid::random()), Value::set({1}), Value::array({Value()}),
-                         Value(std::string("a\0b", 3))}) {
+                         Value(std::string("a\0b", 3)), Value("\xff)Y"), Value("\xc0\xaf"),
+                         Value("\xed\xa0\x80"), Value("caf\xc3")}) {
     auto bytes = dataWithPropertyList(v);
     ASSERT_FALSE(bytes) << v.description();
     EXPECT_EQ(bytes.error().code(), kPropertyListWriteInvalidError);
@@ -106,6 +108,8 @@ TEST(PropertyList, RejectsMalformedInputWithCorruptError) {
       {"string past the table", binaryList({Bytes{0x5F, 0x10, 0x7F, 'a'}})},
       {"array that contains itself", binaryList({Bytes{0xA1, 0x00}})},
       {"cycle through two arrays", binaryList({array, Bytes{0xA1, 0x00}})},
+      {"key that is no string", binaryList({Bytes{0xD1, 0x01, 0x01}, integer})},
+      {"key with a NUL", binaryList({Bytes{0xD1, 0x01, 0x02}, Bytes{0x52, 'a', 0}, integer})},
   };
   for (const auto& [name, bytes] : cases) {
     auto result = propertyListWithData(bytes);
