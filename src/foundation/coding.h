@@ -44,14 +44,20 @@ struct CodingClass {
   std::vector<std::string> classes;
   // Makes a blank instance; it must derive from both Object and Coding.
   std::function<std::shared_ptr<Object>()> make;
+  // Whether objects decoded inside an instance's initWithCoder may refer back to the instance (a
+  // cycle). Objects are shared pointers, so a cycle of strong references is never freed: set it only
+  // for classes whose back references are held weakly (a child's link to its parent). Without it an
+  // archive with such a cycle fails to decode.
+  bool allowsBackReferences = false;
 };
 
 // A CodingClass for T (default-constructible, derived from Object and Coding).
 template <class T>
-CodingClass codingClass(std::vector<std::string> classes) {
+CodingClass codingClass(std::vector<std::string> classes, bool allowsBackReferences = false) {
   static_assert(std::is_base_of_v<Object, T> && std::is_base_of_v<Coding, T>);
   return CodingClass{std::move(classes),
-                     [] { return std::static_pointer_cast<Object>(std::make_shared<T>()); }};
+                     [] { return std::static_pointer_cast<Object>(std::make_shared<T>()); },
+                     allowsBackReferences};
 }
 
 // The process-wide mapping from archived class names to classes. Thread-safe; the program fills it

@@ -5,7 +5,11 @@
 
 #include <fmt/format.h>
 
+#include <bit>
 #include <cstring>
+#include <deque>
+#include <iterator>
+#include <stdexcept>
 
 #include "foundation/plist_tree.h"
 
@@ -16,8 +20,12 @@ namespace {
 // Deepest nesting of values and objects written; deeper trees fail rather than exhaust the stack.
 constexpr std::size_t kMaxEncodingDepth = 512;
 
+// Built by appending: GCC 12 warns falsely (-Wrestrict) about "$" + std::string.
 std::string escapedKey(std::string_view key) {
-  return key.starts_with('$') ? "$" + std::string(key) : std::string(key);
+  std::string escaped;
+  if (key.starts_with('$')) escaped.push_back('$');
+  escaped.append(key);
+  return escaped;
 }
 
 const std::vector<std::string>& chainFor(std::string_view name) {
@@ -47,74 +55,83 @@ Error encodingError(std::string_view why) {
 
 struct KeyedArchiver::Impl {
   struct Context {
-    plist_t dict;
+    Dictionary* dict;
     std::size_t unkeyed = 0;
   };
 
-  std::vector<plist::PlistPtr> objects;
-  std::unordered_map<std::string, std::uint64_t> scalarUids;
+  // "$objects". A deque, so that the dictionary of an object being filled stays where it is while
+  // the objects it encodes are appended.
+  std::deque<Value> objects;
+  plist::ScalarIndex scalars;
   std::unordered_map<const Object*, std::uint64_t> objectUids;
   std::unordered_map<std::string, std::uint64_t> classUids;
   std::uint64_t nullObjectUid = 0;
-  plist::PlistPtr top{plist_new_dict()};
+  Dictionary top;
   std::vector<Context> contexts;
   std::optional<Error> error;
   std::size_t depth = 0;
   bool finished = false;
+  KeyedArchiver* owner = nullptr;
 
   Impl() {
-    objects.emplace_back(plist_new_string("$null"));
-    contexts.push_back({top.get()});
+    objects.emplace_back("$null");
+    contexts.push_back({&top});
   }
+
+  static Value uid(std::uint64_t n) { return Value::dictionary({{"CF$UID", Value(n)}}); }
 
   void fail(Error e) {
     if (!error) error = std::move(e);
   }
 
-  void set(std::string_view key, plist_t node) {
-    plist_dict_set_item(contexts.back().dict, std::string(key).c_str(), node);
+  void set(std::string key, Value value) {
+    contexts.back().dict->insert_or_assign(std::move(key), std::move(value));
   }
 
-  std::uint64_t append(plist_t node) {
-    objects.emplace_back(node);
+  std::uint64_t append(Value value) {
+    objects.push_back(std::move(value));
     return objects.size() - 1;
   }
-
-  std::uint64_t reserve() { return append(nullptr); }
 
   std::uint64_t classUid(const std::vector<std::string>& chain) {
     auto [it, inserted] = classUids.try_emplace(chain.front(), 0);
     if (!inserted) return it->second;
-    plist_t dict = plist_new_dict();
-    plist_dict_set_item(dict, "$classname", plist_new_string(chain.front().c_str()));
-    plist_t classes = plist_new_array();
-    for (const std::string& name : chain) plist_array_append_item(classes, plist_new_string(name.c_str()));
-    plist_dict_set_item(dict, "$classes", classes);
-    it->second = append(dict);
+    it->second = append(Value::dictionary(
+        {{"$classname", Value(chain.front())}, {"$classes", Value(Array(chain.begin(), chain.end()))}}));
     return it->second;
   }
 
   // A plain value, shared with any earlier one of the same kind and bits.
-  std::uint64_t scalar(char kind, std::string_view bits, plist_t (*make)(std::string_view, const Value&),
-                       const Value& value) {
-    std::string key(1, kind);
-    key.append(bits);
-    auto [it, inserted] = scalarUids.try_emplace(std::move(key), 0);
-    if (inserted) it->second = append(make(bits, value));
-    return it->second;
+  std::uint64_t scalar(plist::ScalarIndex::Kind kind, std::uint64_t bits, Value value) {
+    if (std::uint64_t* found = scalars.find(kind, bits)) return *found;
+    const std::uint64_t index = append(std::move(value));
+    scalars.store(kind, bits, index);
+    return index;
+  }
+  // Text and data: the index keeps a view of the copy in the table, which never changes.
+  std::uint64_t scalar(plist::ScalarIndex::Kind kind, std::string_view bytes, const Value& value) {
+    if (std::uint64_t* found = scalars.find(kind, bytes)) return *found;
+    const std::uint64_t index = append(value);
+    const Value& stored = objects[index];
+    scalars.store(kind,
+                  stored.isString() ? std::string_view(stored.asString())
+                                    : std::string_view(reinterpret_cast<const char*>(stored.asData().data()),
+                                                       stored.asData().size()),
+                  index);
+    return index;
   }
 
-  // Encodes the contents of one object with a dictionary of its own, then adds its class.
+  // Encodes the contents of one object into a dictionary of its own, then adds its class.
   template <class Fill>
-  std::uint64_t object(const std::vector<std::string>& chain, Fill fill, std::uint64_t uid = 0) {
-    if (uid == 0) uid = reserve();
-    plist_t dict = plist_new_dict();
-    objects[uid].reset(dict);
+  std::uint64_t object(const std::vector<std::string>& chain, Fill fill, std::uint64_t index = 0) {
+    if (index == 0) index = append(Value());
+    objects[index] = Value(Dictionary());
+    Dictionary* dict = &objects[index].asDictionary();
     contexts.push_back({dict});
     fill();
     contexts.pop_back();
-    plist_dict_set_item(dict, "$class", plist_new_uid(classUid(chain)));
-    return uid;
+    dict->insert_or_assign("$class", uid(classUid(chain)));
+    return index;
   }
 
   std::uint64_t uidOfElement(const Value& value) {
@@ -124,13 +141,11 @@ struct KeyedArchiver::Impl {
     return nullObjectUid;
   }
 
-  plist_t uidArray(const Array& values) {
-    std::vector<std::uint64_t> uids;
+  Value uidArray(const Array& values) {
+    Array uids;
     uids.reserve(values.size());
-    for (const Value& v : values) uids.push_back(uidOfElement(v));
-    plist_t array = plist_new_array();
-    for (std::uint64_t uid : uids) plist_array_append_item(array, plist_new_uid(uid));
-    return array;
+    for (const Value& v : values) uids.push_back(uid(uidOfElement(v)));
+    return Value(std::move(uids));
   }
 
   std::uint64_t encode(const Value& value) {
@@ -140,9 +155,9 @@ struct KeyedArchiver::Impl {
       return 0;
     }
     ++depth;
-    const std::uint64_t uid = encodeUnguarded(value);
+    const std::uint64_t index = encodeUnguarded(value);
     --depth;
-    return uid;
+    return index;
   }
 
   std::uint64_t encodeUnguarded(const Value& value) {
@@ -150,54 +165,34 @@ struct KeyedArchiver::Impl {
       case Value::Type::Null:
         return 0;
       case Value::Type::Bool:
-        return scalar(
-            'b', value.asBool() ? "1" : "0",
-            [](std::string_view, const Value& v) { return plist_new_bool(v.asBool()); }, value);
-      case Value::Type::Integer: {
-        const std::int64_t i = value.asInteger();
-        return scalar(
-            'i', std::string_view(reinterpret_cast<const char*>(&i), sizeof i),
-            [](std::string_view, const Value& v) {
-              return plist_new_uint(static_cast<std::uint64_t>(v.asInteger()));
-            },
-            value);
-      }
-      case Value::Type::Double: {
-        const double d = value.asDouble();
-        return scalar(
-            'd', std::string_view(reinterpret_cast<const char*>(&d), sizeof d),
-            [](std::string_view, const Value& v) { return plist_new_real(v.asDouble()); }, value);
-      }
+        return scalar(plist::ScalarIndex::kBool, std::uint64_t{value.asBool()}, value);
+      case Value::Type::Integer:
+        return scalar(plist::ScalarIndex::kInteger, static_cast<std::uint64_t>(value.asInteger()), value);
+      case Value::Type::Double:
+        return scalar(plist::ScalarIndex::kReal, std::bit_cast<std::uint64_t>(value.asDouble()), value);
       case Value::Type::String: {
         const std::string& s = value.asString();
         if (!plist::isWritableString(s)) {
           fail(encodingError("a string is not UTF-8 or contains NUL"));
           return 0;
         }
-        if (value.isMutable()) {
-          return object(chainFor("NSMutableString"), [&] { set("NS.string", plist_new_string(s.c_str())); });
-        }
-        return scalar(
-            's', s,
-            [](std::string_view bits, const Value&) { return plist_new_string(std::string(bits).c_str()); },
-            value);
+        if (value.isMutable())
+          return object(chainFor("NSMutableString"), [&] { set("NS.string", Value(s)); });
+        return scalar(plist::ScalarIndex::kString, std::string_view(s), value);
       }
       case Value::Type::Data: {
         const Bytes& d = value.asData();
-        auto make = [&] { return plist_new_data(reinterpret_cast<const char*>(d.data()), d.size()); };
-        if (value.isMutable()) return object(chainFor("NSMutableData"), [&] { set("NS.data", make()); });
-        return scalar(
-            'x', std::string_view(reinterpret_cast<const char*>(d.data()), d.size()),
-            [](std::string_view bits, const Value&) { return plist_new_data(bits.data(), bits.size()); },
-            value);
+        if (value.isMutable()) return object(chainFor("NSMutableData"), [&] { set("NS.data", Value(d)); });
+        return scalar(plist::ScalarIndex::kData,
+                      std::string_view(reinterpret_cast<const char*>(d.data()), d.size()), value);
       }
       case Value::Type::Date:
         return object(chainFor("NSDate"),
-                      [&] { set("NS.time", plist_new_real(value.asDate().secondsSinceReferenceDate)); });
+                      [&] { set("NS.time", Value(value.asDate().secondsSinceReferenceDate)); });
       case Value::Type::Uuid:
         return object(chainFor("NSUUID"), [&] {
           const auto& bytes = value.asUuid().bytes();
-          set("NS.uuidbytes", plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+          set("NS.uuidbytes", Value(Bytes(bytes.begin(), bytes.end())));
         });
       case Value::Type::Url:
         return encodeUrl(value.asUrl());
@@ -216,10 +211,10 @@ struct KeyedArchiver::Impl {
             keys.emplace_back(k);
             values.push_back(v);
           }
-          plist_t keyArray = uidArray(keys);
-          plist_t valueArray = uidArray(values);
-          set("NS.keys", keyArray);
-          set("NS.objects", valueArray);
+          Value keyUids = uidArray(keys);
+          Value valueUids = uidArray(values);
+          set("NS.keys", std::move(keyUids));
+          set("NS.objects", std::move(valueUids));
         });
       case Value::Type::Object:
         return encodeObject(value.asObject());
@@ -230,35 +225,34 @@ struct KeyedArchiver::Impl {
   std::uint64_t encodeUrl(const Url& url) {
     return object(chainFor("NSURL"), [&] {
       const std::uint64_t base = url.baseUrl() ? encodeUrl(*url.baseUrl()) : 0;
-      set("NS.base", plist_new_uid(base));
-      set("NS.relative", plist_new_uid(encode(Value(url.relativeString()))));
+      set("NS.base", uid(base));
+      set("NS.relative", uid(encode(Value(url.relativeString()))));
     });
   }
 
-  std::uint64_t encodeObject(const ObjectPtr& object_) {
-    if (auto it = objectUids.find(object_.get()); it != objectUids.end()) return it->second;
-    const auto* coding = dynamic_cast<const Coding*>(object_.get());
+  std::uint64_t encodeObject(const ObjectPtr& instance) {
+    if (auto it = objectUids.find(instance.get()); it != objectUids.end()) return it->second;
+    const auto* coding = dynamic_cast<const Coding*>(instance.get());
     if (coding == nullptr) {
-      fail(encodingError(fmt::format("objects of class {} cannot be archived", object_->className())));
+      fail(encodingError(fmt::format("objects of class {} cannot be archived", instance->className())));
       return 0;
     }
     std::vector<std::string> chain = coding->classChain();
     if (chain.empty()) {
-      if (auto cls = ClassRegistry::shared().classNamed(object_->className()); cls && !cls->classes.empty()) {
+      if (auto cls = ClassRegistry::shared().classNamed(instance->className());
+          cls && !cls->classes.empty()) {
         chain = cls->classes;
       } else {
-        chain = {object_->className(), "NSObject"};
+        chain = {instance->className(), "NSObject"};
       }
     }
     // The UID is known before the contents are written, so references back to this object
     // (cycles) resolve to it.
-    const std::uint64_t uid = reserve();
-    objectUids.emplace(object_.get(), uid);
+    const std::uint64_t index = append(Value());
+    objectUids.emplace(instance.get(), index);
     return object(
-        chain, [&] { coding->encodeWithCoder(*owner); }, uid);
+        chain, [&] { coding->encodeWithCoder(*owner); }, index);
   }
-
-  KeyedArchiver* owner = nullptr;
 };
 
 KeyedArchiver::KeyedArchiver(bool requiresSecureCoding)
@@ -277,29 +271,29 @@ Expected<Bytes> KeyedArchiver::archivedDataWithRootObject(const Value& root, boo
 
 void KeyedArchiver::encodeObject(const Value& value, std::string_view key) {
   const std::uint64_t uid = impl_->encode(value);
-  impl_->set(escapedKey(key), plist_new_uid(uid));
+  impl_->set(escapedKey(key), Impl::uid(uid));
 }
 
 void KeyedArchiver::encodeObject(const Value& value) {
   const std::string key = fmt::format("${}", impl_->contexts.back().unkeyed++);
   const std::uint64_t uid = impl_->encode(value);
-  impl_->set(key, plist_new_uid(uid));
+  impl_->set(key, Impl::uid(uid));
 }
 
 void KeyedArchiver::encodeBool(bool value, std::string_view key) {
-  impl_->set(escapedKey(key), plist_new_bool(value));
+  impl_->set(escapedKey(key), Value(value));
 }
 
 void KeyedArchiver::encodeInt64(std::int64_t value, std::string_view key) {
-  impl_->set(escapedKey(key), plist_new_uint(static_cast<std::uint64_t>(value)));
+  impl_->set(escapedKey(key), Value(value));
 }
 
 void KeyedArchiver::encodeDouble(double value, std::string_view key) {
-  impl_->set(escapedKey(key), plist_new_real(value));
+  impl_->set(escapedKey(key), Value(value));
 }
 
 void KeyedArchiver::encodeBytes(std::span<const std::uint8_t> bytes, std::string_view key) {
-  impl_->set(escapedKey(key), plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+  impl_->set(escapedKey(key), Value(Bytes(bytes.begin(), bytes.end())));
 }
 
 void KeyedArchiver::encodeEncodable(const Uuid& value, std::string_view key) {
@@ -340,14 +334,14 @@ Expected<Bytes> KeyedArchiver::encodedData(PropertyListFormat format) {
   if (impl_->finished) throw std::logic_error("KeyedArchiver::encodedData called twice");
   impl_->finished = true;
   if (impl_->error) return fail(*impl_->error);
-  plist::PlistPtr root(plist_new_dict());
-  plist_dict_set_item(root.get(), "$archiver", plist_new_string("NSKeyedArchiver"));
-  plist_dict_set_item(root.get(), "$version", plist_new_uint(100000));
-  plist_dict_set_item(root.get(), "$top", impl_->top.release());
-  plist_t objects = plist_new_array();
-  for (auto& node : impl_->objects) plist_array_append_item(objects, node.release());
-  plist_dict_set_item(root.get(), "$objects", objects);
-  return plist::serialize(root.get(), format);
+  Array objects(std::make_move_iterator(impl_->objects.begin()),
+                std::make_move_iterator(impl_->objects.end()));
+  Dictionary root;
+  root.emplace("$archiver", Value("NSKeyedArchiver"));
+  root.emplace("$version", Value(100000));
+  root.emplace("$top", Value(std::move(impl_->top)));
+  root.emplace("$objects", Value(std::move(objects)));
+  return dataWithPropertyList(Value(std::move(root)), format);
 }
 
 }  // namespace tesselune

@@ -73,8 +73,12 @@ const Chain kStringChain{"NSString", "NSObject"};
 const Chain kNumberChain{"NSNumber", "NSValue", "NSObject"};
 const Chain kDataChain{"NSData", "NSObject"};
 
+// Built by appending: GCC 12 warns falsely (-Wrestrict) about "$" + std::string.
 std::string escapedKey(std::string_view key) {
-  return key.starts_with('$') ? "$" + std::string(key) : std::string(key);
+  std::string escaped;
+  if (key.starts_with('$')) escaped.push_back('$');
+  escaped.append(key);
+  return escaped;
 }
 
 Error corrupt(std::string_view why) {
@@ -100,6 +104,7 @@ struct KeyedUnarchiver::Impl {
     Value value;
     std::uint64_t weight = 1;  // Value nodes a copy of `value` makes
     std::shared_ptr<const Chain> chain;
+    bool allowsBackReferences = false;
   };
   struct Context {
     plist_t dict;
@@ -107,7 +112,7 @@ struct KeyedUnarchiver::Impl {
   };
 
   plist::PlistPtr tree;
-  plist_t objects = nullptr;
+  std::vector<plist_t> objects;  // the "$objects" table, indexed by UID
   std::uint64_t count = 0;
   bool secure = true;
   std::unordered_map<std::string, CodingClass> ownClasses;
@@ -173,9 +178,14 @@ struct KeyedUnarchiver::Impl {
       return slot.value;
     }
     if (slot.state == Slot::kDecoding) {
-      // Only an object made by a class can be referred to while it is being decoded.
+      // Only an object of a class that keeps such references weak can be referred to while it is
+      // being decoded; a Value cannot contain itself, and a strong cycle would never be freed.
       if (!slot.value.isObject()) {
         fail(corrupt("a collection contains itself"));
+        return {};
+      }
+      if (!slot.allowsBackReferences) {
+        fail(corrupt(fmt::format("an object of class {} refers back to itself", slot.chain->front())));
         return {};
       }
       if (!permitted(*slot.chain) || !charge(1)) return {};
@@ -204,7 +214,7 @@ struct KeyedUnarchiver::Impl {
     static const auto stringChain = std::make_shared<const Chain>(kStringChain);
     static const auto numberChain = std::make_shared<const Chain>(kNumberChain);
     static const auto dataChain = std::make_shared<const Chain>(kDataChain);
-    plist_t node = plist_array_get_item(objects, static_cast<std::uint32_t>(uid));
+    plist_t node = objects[uid];
     switch (node ? plist_get_node_type(node) : PLIST_NONE) {
       case PLIST_STRING:
         if (!permitted(*stringChain) || !charge(1)) return;
@@ -245,15 +255,15 @@ struct KeyedUnarchiver::Impl {
     if (!classUid || *classUid == 0 || *classUid >= count) {
       return fail(corrupt(fmt::format("archived object {} has no class", uid)));
     }
-    plist_t classNode = plist_array_get_item(objects, static_cast<std::uint32_t>(*classUid));
+    plist_t classNode = objects[*classUid];
     auto className = plist::stringValue(plist_dict_get_item(classNode, "$classname"));
     if (!plist::isType(classNode, PLIST_DICT) || !className) {
       return fail(corrupt(fmt::format("archived object {} has a malformed class", uid)));
     }
     std::vector<std::string> names{std::string(*className)};
     if (plist_t classes = plist_dict_get_item(classNode, "$classes"); plist::isType(classes, PLIST_ARRAY)) {
-      for (std::uint32_t i = 0, n = plist_array_get_size(classes); i < n; ++i) {
-        if (auto name = plist::stringValue(plist_array_get_item(classes, i))) names.emplace_back(*name);
+      for (plist_t item : plist::arrayItems(classes)) {
+        if (auto name = plist::stringValue(item)) names.emplace_back(*name);
       }
     }
     for (const std::string& name : names) {
@@ -287,6 +297,7 @@ struct KeyedUnarchiver::Impl {
     slot.state = Slot::kDecoding;
     slot.value = Value(object);
     slot.chain = chain;
+    slot.allowsBackReferences = cls.allowsBackReferences;
     contexts.push_back({dict});
     Status status = coding->initWithCoder(*owner);
     contexts.pop_back();
@@ -302,10 +313,10 @@ struct KeyedUnarchiver::Impl {
       return std::nullopt;
     }
     std::vector<std::uint64_t> uids;
-    const std::uint32_t n = plist_array_get_size(array);
-    uids.reserve(n);
-    for (std::uint32_t i = 0; i < n; ++i) {
-      auto uid = plist::uidValue(plist_array_get_item(array, i));
+    const std::vector<plist_t> items = plist::arrayItems(array);
+    uids.reserve(items.size());
+    for (plist_t item : items) {
+      auto uid = plist::uidValue(item);
       if (!uid) {
         fail(corrupt(fmt::format("'{}' holds something other than object references", key)));
         return std::nullopt;
@@ -509,8 +520,8 @@ Expected<std::unique_ptr<KeyedUnarchiver>> KeyedUnarchiver::create(std::span<con
     return fail(corrupt("the archive has no object table"));
 
   auto impl = std::make_unique<Impl>();
-  impl->objects = objects;
-  impl->count = plist_array_get_size(objects);
+  impl->objects = plist::arrayItems(objects);
+  impl->count = impl->objects.size();
   impl->slots.resize(impl->count);
   impl->secure = requiresSecureCoding;
   impl->budget = 8 * impl->count + (std::uint64_t{1} << 20);

@@ -11,9 +11,12 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "foundation/error.h"
 #include "foundation/property_list.h"
+#include "foundation/value.h"
 
 namespace tesselune::plist {
 
@@ -36,12 +39,46 @@ std::optional<std::uint64_t> unsignedValue(plist_t node);
 // A UID node, or the XML form { "CF$UID": n }.
 std::optional<std::uint64_t> uidValue(plist_t node);
 bool isType(plist_t node, plist_type type);
+// The items of an array node in order (none for another type). libplist finds the n-th item of a
+// parsed array by walking from the first, so callers index this instead.
+std::vector<plist_t> arrayItems(plist_t array);
 
 // Whether libplist can write the text: valid UTF-8 without NUL characters. libplist writes other
 // text as broken UTF-16 that no reader accepts.
 bool isWritableString(std::string_view text);
 
-// The Error for unreadable input.
+// The scalars already placed in an object table, so that equal ones are written once. Text and
+// data are held as views: the caller keeps what they point at alive and unchanged meanwhile.
+class ScalarIndex {
+ public:
+  enum Kind { kBool, kInteger, kReal, kDate, kUid, kString, kData, kKinds };
+
+  // The table index for the scalar, or nothing when it is new; then `store` records `index` for it.
+  std::uint64_t* find(Kind kind, std::uint64_t bits) {
+    auto it = numbers_[kind].find(bits);
+    return it == numbers_[kind].end() ? nullptr : &it->second;
+  }
+  std::uint64_t* find(Kind kind, std::string_view bytes) {
+    auto it = texts_[kind == kData].find(bytes);
+    return it == texts_[kind == kData].end() ? nullptr : &it->second;
+  }
+  void store(Kind kind, std::uint64_t bits, std::uint64_t index) { numbers_[kind].emplace(bits, index); }
+  void store(Kind kind, std::string_view bytes, std::uint64_t index) {
+    texts_[kind == kData].emplace(bytes, index);
+  }
+
+ private:
+  std::unordered_map<std::uint64_t, std::uint64_t> numbers_[kKinds];
+  std::unordered_map<std::string_view, std::uint64_t> texts_[2];
+};
+
+// The Errors for unreadable input and for values that cannot be written.
 Error corruptError(std::string_view why);
+Error writeError(std::string_view why);
+
+// Writes a Value tree as a binary property list ("bplist00") the way Foundation does: strings,
+// numbers, data, dates and UIDs shared by value, doubles as eight-byte reals, strings as ASCII or
+// UTF-16. Linear in the size of the tree (libplist's own writer is not, on large archives).
+[[nodiscard]] Expected<Bytes> writeBinary(const Value& root);
 
 }  // namespace tesselune::plist

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -15,6 +16,11 @@
 
 namespace tesselune {
 namespace plist {
+
+Error writeError(std::string_view why) {
+  return Error(std::string(kCocoaErrorDomain), kPropertyListWriteInvalidError,
+               fmt::format("The property list could not be written: {}.", why));
+}
 
 Error corruptError(std::string_view why) {
   return Error(std::string(kCocoaErrorDomain), kPropertyListReadCorruptError,
@@ -326,6 +332,22 @@ bool isType(plist_t node, plist_type type) {
   return node != nullptr && plist_get_node_type(node) == type;
 }
 
+std::vector<plist_t> arrayItems(plist_t array) {
+  std::vector<plist_t> items;
+  if (!isType(array, PLIST_ARRAY)) return items;
+  items.reserve(plist_array_get_size(array));
+  plist_array_iter it = nullptr;
+  plist_array_new_iter(array, &it);
+  for (;;) {
+    plist_t item = nullptr;
+    plist_array_next_item(array, it, &item);
+    if (item == nullptr) break;
+    items.push_back(item);
+  }
+  std::free(it);
+  return items;
+}
+
 std::optional<std::string_view> stringValue(plist_t node) {
   if (!isType(node, PLIST_STRING)) return std::nullopt;
   std::uint64_t length = 0;
@@ -390,9 +412,7 @@ Value toValue(plist_t node) {
     }
     case PLIST_ARRAY: {
       Array items;
-      const std::uint32_t n = plist_array_get_size(node);
-      items.reserve(n);
-      for (std::uint32_t i = 0; i < n; ++i) items.push_back(toValue(plist_array_get_item(node, i)));
+      for (plist_t item : plist::arrayItems(node)) items.push_back(toValue(item));
       return Value(std::move(items));
     }
     case PLIST_DICT: {
@@ -415,13 +435,8 @@ Value toValue(plist_t node) {
   }
 }
 
-Error writeError(std::string_view why) {
-  return Error(std::string(kCocoaErrorDomain), kPropertyListWriteInvalidError,
-               fmt::format("The property list could not be written: {}.", why));
-}
-
 Expected<plist::PlistPtr> fromValue(const Value& value, std::size_t depth) {
-  if (depth > kMaxPropertyListDepth) return fail(writeError("nesting too deep"));
+  if (depth > kMaxPropertyListDepth) return fail(plist::writeError("nesting too deep"));
   switch (value.type()) {
     case Value::Type::Bool:
       return plist::PlistPtr(plist_new_bool(value.asBool()));
@@ -433,7 +448,8 @@ Expected<plist::PlistPtr> fromValue(const Value& value, std::size_t depth) {
       return plist::PlistPtr(plist_new_real(value.asDouble()));
     case Value::Type::String: {
       const std::string& s = value.asString();
-      if (!plist::isWritableString(s)) return fail(writeError("a string is not UTF-8 or contains NUL"));
+      if (!plist::isWritableString(s))
+        return fail(plist::writeError("a string is not UTF-8 or contains NUL"));
       return plist::PlistPtr(plist_new_string(s.c_str()));
     }
     case Value::Type::Data: {
@@ -445,7 +461,7 @@ Expected<plist::PlistPtr> fromValue(const Value& value, std::size_t depth) {
       const double sec = std::floor(t);
       if (!(sec >= std::numeric_limits<std::int32_t>::min() &&
             sec <= std::numeric_limits<std::int32_t>::max()))
-        return fail(writeError("a date is out of range"));
+        return fail(plist::writeError("a date is out of range"));
       return plist::PlistPtr(plist_new_date(static_cast<std::int32_t>(sec),
                                             static_cast<std::int32_t>(std::lround((t - sec) * 1e6))));
     }
@@ -465,7 +481,8 @@ Expected<plist::PlistPtr> fromValue(const Value& value, std::size_t depth) {
             plist_new_uid(static_cast<std::uint64_t>(entries.begin()->second.asInteger())));
       plist::PlistPtr dict(plist_new_dict());
       for (const auto& [key, item] : entries) {
-        if (!plist::isWritableString(key)) return fail(writeError("a key is not UTF-8 or contains NUL"));
+        if (!plist::isWritableString(key))
+          return fail(plist::writeError("a key is not UTF-8 or contains NUL"));
         auto child = fromValue(item, depth + 1);
         if (!child) return child;
         plist_dict_set_item(dict.get(), key.c_str(), child->release());
@@ -473,7 +490,7 @@ Expected<plist::PlistPtr> fromValue(const Value& value, std::size_t depth) {
       return dict;
     }
     default:
-      return fail(writeError(fmt::format("{} is not a property-list value", value.description())));
+      return fail(plist::writeError(fmt::format("{} is not a property-list value", value.description())));
   }
 }
 
@@ -486,6 +503,7 @@ Expected<Value> propertyListWithData(std::span<const std::uint8_t> data, Propert
 }
 
 Expected<Bytes> dataWithPropertyList(const Value& value, PropertyListFormat format) {
+  if (format == PropertyListFormat::Binary) return plist::writeBinary(value);
   auto tree = fromValue(value, 0);
   if (!tree) return fail(tree.error());
   return plist::serialize(tree->get(), format);

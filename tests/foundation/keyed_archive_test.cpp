@@ -246,7 +246,8 @@ class Node : public Object, public Coding {
 class KeyedArchiverClasses : public ::testing::Test {
  protected:
   void SetUp() override {
-    KeyedUnarchiver::setClassForClassName(codingClass<Node>({"Tesselune.Node", "NSObject"}),
+    // A Node holds its parent weakly, so it may be referred to from inside itself.
+    KeyedUnarchiver::setClassForClassName(codingClass<Node>({"Tesselune.Node", "NSObject"}, true),
                                           "Tesselune.Node");
   }
   void TearDown() override { ClassRegistry::shared().removeClass("Tesselune.Node"); }
@@ -441,6 +442,13 @@ TEST(KeyedUnarchiverHostile, FailsCleanly) {
        {Value::dictionary({{"NS.base", uid(0)}, {"NS.relative", uid(3)}, {"$class", uid(2)}}),
         classDict("NSURL"), "not a url"}},
       {"array as an object", {Value::array({1})}},
+      // Decoded, it would be a cycle of shared pointers that is never freed.
+      {"attributed string inside its own attributes",
+       {Value::dictionary({{"NSString", uid(2)}, {"NSAttributes", uid(3)}, {"$class", uid(5)}}), "text",
+        Value::dictionary({{"NS.keys", Value::array({uid(4)})},
+                           {"NS.objects", Value::array({uid(1)})},
+                           {"$class", uid(6)}}),
+        "self", classDict("NSAttributedString"), classDict("NSDictionary")}},
   };
   for (const auto& [name, objects] : cases) {
     auto result = KeyedUnarchiver::unarchiveTopLevelObjectWithData(archiveOf(objects));
