@@ -1,0 +1,31 @@
+// String utilities with NSString's counting: lengths and positions in UTF-16 code units.
+//
+// Texts are UTF-8 std::strings. Where NSString would cut a character outside the basic plane in
+// two (a lone surrogate half), UTF-8 cannot carry the half, so U+FFFD takes its place; bytes that are
+// not UTF-8 read as U+FFFD too. All functions are pure and thread-safe.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace tesselune {
+
+// The length in UTF-16 code units (NSString's length).
+std::size_t utf16Length(std::string_view text);
+
+// shortVersionWithLength:: the text itself when shorter than `length` units; otherwise (also at
+// exactly `length`) the first floor((length - 1) / 2) units, "…" and the last units, `length` units
+// in all. A length of 0 is a caller error (Foundation raises a range exception): throws
+// std::out_of_range.
+std::string shortVersionWithLength(std::string_view text, std::size_t length);
+
+// capitalizedFirstLetter: the first unit upper-cased and the rest unchanged; a text of one unit or
+// none is capitalised as a whole (capitalizedString).
+std::string capitalizedFirstLetter(std::string_view text);
+
+// reversedString: the UTF-16 units in reverse order. A character outside the basic plane comes out
+// as its two halves swapped, which UTF-8 shows as two U+FFFD.
+std::string reversedString(std::string_view text);
+
+}  // namespace tesselune
