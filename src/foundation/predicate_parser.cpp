@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <optional>
 
@@ -325,6 +326,7 @@ class Parser {
     char* end = nullptr;
     const double d = std::strtod(s.c_str(), &end);
     if (end != s.c_str() + s.size()) return error(t, "malformed number");
+    if (!std::isfinite(d)) return error(t, "number out of range");
     return Value(d);
   }
 

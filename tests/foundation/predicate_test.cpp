@@ -126,8 +126,8 @@ TEST(Predicate, PrintsWhatParsesBack) {
 
 TEST(Predicate, PointsAtTheColumnOfASyntaxError) {
   const std::vector<std::pair<std::string_view, std::size_t>> cases = {
-      {"a == ", 6}, {"a = = 1", 5},   {"a == 1 AND", 11}, {"(a == 1", 8},    {"a == 'open", 6},
-      {"a ~ 1", 3}, {"a ==[x] 1", 5}, {"a == 1 b", 8},    {"1.2.3 == a", 1}, {"AND == 1", 1},
+      {"a == ", 6},     {"a = = 1", 5},  {"a == 1 AND", 11}, {"(a == 1", 8},  {"a == 'open", 6}, {"a ~ 1", 3},
+      {"a ==[x] 1", 5}, {"a == 1 b", 8}, {"1.2.3 == a", 1},  {"AND == 1", 1}, {"a == 1e999", 6},
   };
   for (const auto& [format, column] : cases) {
     auto p = predicateWithFormat(format);
