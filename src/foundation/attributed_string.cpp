@@ -84,7 +84,6 @@ void AttributedString::encodeWithCoder(KeyedArchiver& coder) const {
 }
 
 Status AttributedString::initWithCoder(KeyedUnarchiver& coder) {
-  mutable_ = false;
   Value text = coder.decodeObjectOfClasses({"NSString"}, "NSString");
   Value attributes = coder.decodeObjectOfClasses(foundationClasses(), "NSAttributes");
   Value info = coder.decodeObjectOfClasses({"NSData"}, "NSAttributeInfo");

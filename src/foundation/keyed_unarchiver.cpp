@@ -282,7 +282,12 @@ struct KeyedUnarchiver::Impl {
     if (auto it = ownClasses.find(name); it != ownClasses.end()) return it->second;
     if (auto cls = ClassRegistry::shared().classNamed(name)) return cls;
     if (name == "NSAttributedString" || name == "NSMutableAttributedString") {
-      return codingClass<AttributedString>({name, "NSAttributedString", "NSObject"});
+      const bool isMutable = name == "NSMutableAttributedString";
+      return CodingClass{isMutable ? Chain{name, "NSAttributedString", "NSObject"} : Chain{name, "NSObject"},
+                         [isMutable] {
+                           return std::make_shared<AttributedString>(
+                               std::string(), std::vector<AttributedString::Run>(), isMutable);
+                         }};
     }
     return std::nullopt;
   }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -75,6 +76,34 @@ TEST(KeyedUnarchiver, DecodesFoundationFixtures) {
   EXPECT_EQ(mutableSet, Value::set({1, 2, 3, 4, 5}));
   EXPECT_TRUE(mutableSet.isMutable());
   EXPECT_EQ(decodeFixture("foundation/Fixtures/macOS-10.14/NSSet-Empty.archive"), Value::set({}));
+}
+
+TEST(KeyedUnarchiver, DecodesTheFoundationClassesItKnowsAndRefusesTheRest) {
+  const std::string folder =
+      std::string(TESSELUNE_FIXTURES_DIR) + "/keyedarchive/foundation/Fixtures/macOS-10.14";
+  std::size_t decoded = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const std::string name = entry.path().filename().string();
+    auto value = KeyedUnarchiver::unarchiveTopLevelObjectWithData(
+        archiveFixture("foundation/Fixtures/macOS-10.14/" + name));
+    const bool known = name.starts_with("NSSet") || name.starts_with("NSMutableSet") ||
+                       name.starts_with("NSOrderedSet") || name.starts_with("NSMutableOrderedSet") ||
+                       name.find("AttributedString") != std::string::npos;
+    if (known) {
+      EXPECT_TRUE(value) << name << ": " << value.error().debugDescription();
+      decoded += value.has_value();
+    } else {
+      ASSERT_FALSE(value) << name << " gave " << *value;
+      EXPECT_EQ(value.error().code(), kCoderReadCorruptError) << name;
+    }
+  }
+  EXPECT_EQ(decoded, 10u);
+  EXPECT_EQ(decodeFixture("foundation/Fixtures/macOS-10.14/NSMutableOrderedSet-Numbers.archive"),
+            Value::array({1, 2, 3, 4, 5}));
+  EXPECT_EQ(decodeFixture("foundation/Fixtures/macOS-10.14/NSMutableAttributedString.archive")
+                .asObject()
+                ->className(),
+            "NSMutableAttributedString");
 }
 
 TEST(KeyedUnarchiver, DecodesAttributedStringRuns) {
