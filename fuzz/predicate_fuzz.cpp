@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
 #include "foundation/predicate.h"
@@ -13,7 +14,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto predicate = predicateWithFormat(format, {Value("k"), Value(1), Value()});
   if (!predicate) return 0;
   (void)predicate->evaluateWithObject(Value::dictionary({{"k", 1}, {"a", Value::dictionary({{"b", "x"}})}}));
-  // Printing keeps constants that print as themselves; anything that parsed must print parseably.
-  if (!predicateWithFormat(predicate->predicateFormat())) std::abort();
+  // Anything that parsed prints parseably; printing may add one level of parentheses ("a OR b AND c"
+  // prints as "a OR (b AND c)"), which can cross the nesting limit.
+  auto again = predicateWithFormat(predicate->predicateFormat());
+  if (!again && again.error().localizedDescription().find("too deep") == std::string::npos) std::abort();
   return 0;
 }

@@ -197,8 +197,9 @@ std::string folded(const std::string& text, unsigned options) {
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
     auto c = static_cast<unsigned char>(text[i]);
-    if (c == 0xC3 && i + 1 < text.size()) {
-      // Latin-1 supplement letters U+00C0..U+00FF are C3 80..C3 BF.
+    // Latin-1 supplement letters U+00C0..U+00FF are C3 80..C3 BF; anything else after C3 is not
+    // UTF-8 and stays as it is.
+    if (c == 0xC3 && i + 1 < text.size() && (static_cast<unsigned char>(text[i + 1]) & 0xC0) == 0x80) {
       unsigned char low = static_cast<unsigned char>(text[i + 1]);
       if ((options & kCaseInsensitive) && low >= 0x80 && low <= 0x9E && low != 0x97) low += 0x20;
       if (options & kDiacriticInsensitive) {
@@ -338,10 +339,12 @@ Expected<Predicate> Predicate::predicateWithSubstitutionVariables(const Dictiona
 
 std::string Predicate::predicateFormat() const {
   const Node& n = *node_;
+  // Compound parts in parentheses, as Foundation prints them; NOT binds tightest and needs none.
   auto part = [](const Predicate& p) {
-    const bool compound = p.kind() == Kind::And || p.kind() == Kind::Or || p.kind() == Kind::Not;
+    const bool compound = p.kind() == Kind::And || p.kind() == Kind::Or;
     return compound ? "(" + p.predicateFormat() + ")" : p.predicateFormat();
   };
+
   switch (n.kind) {
     case Kind::True:
       return "TRUEPREDICATE";

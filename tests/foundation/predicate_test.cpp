@@ -44,7 +44,7 @@ TEST(Predicate, ParsesWithFoundationsPrecedence) {
   ASSERT_EQ(q.kind(), Predicate::Kind::And);
   EXPECT_EQ(q.subpredicates()[0].kind(), Predicate::Kind::Or);
   EXPECT_EQ(q.subpredicates()[1].kind(), Predicate::Kind::Not);
-  EXPECT_EQ(q.predicateFormat(), "(a == 1 OR b == 2) AND (NOT c == 3)");
+  EXPECT_EQ(q.predicateFormat(), "(a == 1 OR b == 2) AND NOT c == 3");
 
   const Predicate c = parse("run.name =[cd] 'Épée'");
   EXPECT_EQ(c.leftExpression(), Expression::keyPath("run.name"));
@@ -93,6 +93,9 @@ TEST(Predicate, EvaluatesByKeyPathOnDictionariesAndObjects) {
   EXPECT_TRUE(evaluate("n == 2.0 AND n < x AND x <= 2.5", dict));
   EXPECT_TRUE(evaluate("d > %@", dict, {Date{9}}));
   EXPECT_TRUE(evaluate("s ==[d] 'Cafe' AND s ==[cd] 'CAFE' AND NOT s == 'Cafe'", dict));
+  // Bytes that are not UTF-8 are compared as they are, not read as letters.
+  EXPECT_TRUE(evaluate("s ==[cd] %@", Value::dictionary({{"s", "\xC3" "A"}}), {"\xC3" "a"}));
+  EXPECT_FALSE(evaluate("s ==[cd] %@", Value::dictionary({{"s", "\xC3" "A"}}), {"a"}));
   EXPECT_TRUE(evaluate("TRUEPREDICATE", dict));
   EXPECT_FALSE(evaluate("FALSEPREDICATE OR n == 3", dict));
 }
@@ -114,9 +117,10 @@ TEST(Predicate, SubstitutesVariables) {
 }
 
 TEST(Predicate, PrintsWhatParsesBack) {
-  for (std::string_view format : {"name == \"a \\\"b\\\" \\\\ c\"", "a.b.c != nil", "SELF == 1", "x <= -3",
-                                  "x >= 1.5", "NOT (a == 1 OR b == 2)", "a ==[c] \"x\" AND b !=[cd] \"y\"",
-                                  "TRUEPREDICATE", "(a < 1 AND b > 2) OR c == $v"}) {
+  for (std::string_view format :
+       {"name == \"a \\\"b\\\" \\\\ c\"", "a.b.c != nil", "SELF == 1", "x <= -3", "x >= 1.5",
+        "NOT (a == 1 OR b == 2)", "NOT NOT a == 1", "a == 1 AND NOT (b == 2 AND c == 3)",
+        "a ==[c] \"x\" AND b !=[cd] \"y\"", "TRUEPREDICATE", "(a < 1 AND b > 2) OR c == $v"}) {
     const Predicate p = parse(format);
     auto again = predicateWithFormat(p.predicateFormat());
     ASSERT_TRUE(again) << p.predicateFormat();
