@@ -120,7 +120,7 @@ std::string Expression::format() const {
     case Kind::Self:
       return "SELF";
     case Kind::Variable:
-      return "$" + name_;
+      return fmt::format("${}", name_);
     case Kind::KeyPath:
       return name_;
   }
@@ -342,7 +342,7 @@ std::string Predicate::predicateFormat() const {
   // Compound parts in parentheses, as Foundation prints them; NOT binds tightest and needs none.
   auto part = [](const Predicate& p) {
     const bool compound = p.kind() == Kind::And || p.kind() == Kind::Or;
-    return compound ? "(" + p.predicateFormat() + ")" : p.predicateFormat();
+    return compound ? fmt::format("({})", p.predicateFormat()) : p.predicateFormat();
   };
 
   switch (n.kind) {
@@ -351,7 +351,7 @@ std::string Predicate::predicateFormat() const {
     case Kind::False:
       return "FALSEPREDICATE";
     case Kind::Not:
-      return "NOT " + part(n.subpredicates.front());
+      return fmt::format("NOT {}", part(n.subpredicates.front()));
     case Kind::And:
     case Kind::Or: {
       std::string text;
