@@ -151,8 +151,8 @@ std::string capitalizedFirstLetter(std::string_view text) {
     out.append(units, 1);
     return toUtf8(out);
   }
-  // capitalizedString of a single unit is its upper case (title case for the few letters that have
-  // one differs; none of them is a single unit this program meets).
+  // capitalizedString of a single unit is its title case: the upper case, except for "ß" ("Ss").
+  if (units.size() == 1 && units.front() == 0xDF) return "Ss";
   return toUtf8(upper(units));
 }
 

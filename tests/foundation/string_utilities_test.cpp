@@ -47,6 +47,7 @@ TEST(StringUtilities, CapitalisesOnlyTheFirstLetter) {
   EXPECT_EQ(capitalizedFirstLetter(""), "");
   EXPECT_EQ(capitalizedFirstLetter("élan"), "Élan");
   EXPECT_EQ(capitalizedFirstLetter("ßig"), "SSig");
+  EXPECT_EQ(capitalizedFirstLetter("ß"), "Ss");
   EXPECT_EQ(capitalizedFirstLetter("λόγος"), "Λόγος");
   EXPECT_EQ(capitalizedFirstLetter("жук"), "Жук");
   EXPECT_EQ(capitalizedFirstLetter("1abc"), "1abc");
