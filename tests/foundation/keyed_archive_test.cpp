@@ -422,6 +422,56 @@ TEST(KeyedArchiverEncodable, StoresPropertyListTreesAsMacOsDoes) {
   EXPECT_EQ(b->matrix, e->matrix);
 }
 
+// An object that does not archive itself.
+class Plain : public Object {
+ public:
+  std::string className() const override { return "Plain"; }
+};
+
+TEST(KeyedArchiver, WritesUnkeyedValuesAndRefusesObjectsThatCannotCode) {
+  KeyedArchiver archiver;
+  archiver.encodeObject(Value("first"));
+  archiver.encodeObject(Value::array({Value(), Value()}));
+  archiver.encodeObject(Value(Date{1.5}));
+  auto data = archiver.encodedData();
+  ASSERT_TRUE(data);
+  auto tree = propertyListWithData(*data);
+  const Value& objects = (*tree)["$objects"];
+  // Both nils in the array are NSNull's single instance.
+  const Value& array = objects.at(static_cast<std::size_t>((*tree)["$top"]["$1"]["CF$UID"].asInteger()));
+  EXPECT_EQ(array["NS.objects"].at(0), array["NS.objects"].at(1));
+  const Value& date = objects.at(static_cast<std::size_t>((*tree)["$top"]["$2"]["CF$UID"].asInteger()));
+  EXPECT_EQ(date["NS.time"], Value(1.5));
+  EXPECT_EQ(Value(decodeUnkeyed(*data, 3)),
+            Value::array({"first", Value::array({Value(), Value()}), Date{1.5}}));
+
+  auto refused = KeyedArchiver::archivedDataWithRootObject(Value::array({std::make_shared<Plain>()}));
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code(), kCoderInvalidValueError);
+  EXPECT_NE(refused.error().localizedDescription().find("Plain"), std::string::npos);
+}
+
+TEST(KeyedUnarchiverEncodable, AcceptsTheOlderShapesOfUrlsAndUuids) {
+  const Uuid uuid = *Uuid::parse("0AD863BA-7584-40CF-8896-BD87B3280C34");
+  KeyedArchiver archiver(false);
+  archiver.encodeObject(Value("https://example.org/a"), "plainUrl");
+  archiver.encodeObject(Value(url("b.raw", "file:///data/")), "nsurl");
+  archiver.encodeObject(Value(uuid), "nsuuid");
+  archiver.encodeObject(Value(42), "notAUrl");
+  auto data = archiver.encodedData();
+  ASSERT_TRUE(data);
+  auto unarchiver = KeyedUnarchiver::create(*data);
+  ASSERT_TRUE(unarchiver);
+  KeyedUnarchiver& u = **unarchiver;
+  EXPECT_EQ(u.decodeDecodableUrl("plainUrl")->absoluteString(), "https://example.org/a");
+  EXPECT_EQ(u.decodeDecodableUrl("nsurl")->absoluteString(), "file:///data/b.raw");
+  EXPECT_EQ(u.decodeDecodableUuid("nsuuid"), uuid);
+  EXPECT_FALSE(u.decodeDecodableUuid("absent"));
+  EXPECT_FALSE(u.error()) << "an absent key is no error";
+  EXPECT_FALSE(u.decodeDecodableUrl("notAUrl"));
+  EXPECT_TRUE(u.error());
+}
+
 // Builds an archive from a hand-made object table.
 Bytes archiveOf(Array objects,
                 Value top = Value::dictionary({{"root", Value::dictionary({{"CF$UID", 1}})}})) {

@@ -80,6 +80,37 @@ TEST(PropertyList, WritesWhatItReadsInBothFormats) {
   }
 }
 
+TEST(PropertyList, WritesEveryWidthOfLengthReferenceAndOffset) {
+  // More than 65536 objects: four-byte references and offsets; lengths past the one-nibble form.
+  Array numbers;
+  for (std::int64_t i = 0; i < 70000; ++i) numbers.emplace_back(i * 997);
+  Dictionary many;
+  for (int i = 0; i < 20; ++i) many.emplace("key" + std::to_string(i), i);
+  const Value tree = Value::dictionary({
+      {"numbers", Value(std::move(numbers))},
+      {"widths", Value::array({0, 255, 256, 65535, 65536, std::int64_t{1} << 32, -1, -65536})},
+      {"ascii", std::string(300, 'x')},
+      {"utf16", "ünïcødé ünïcødé ünïcødé"},
+      {"astral", "🧪🧪🧪🧪🧪🧪🧪🧪"},
+      {"blob", Value(Bytes(1000, 0xAB))},
+      {"many", Value(std::move(many))},
+  });
+  auto bytes = dataWithPropertyList(tree);
+  ASSERT_TRUE(bytes);
+  const std::uint8_t* trailer = bytes->data() + bytes->size() - 32;
+  EXPECT_EQ(trailer[6], 4) << "offset size";
+  EXPECT_EQ(trailer[7], 4) << "reference size";
+  auto back = propertyListWithData(*bytes);
+  ASSERT_TRUE(back) << back.error().debugDescription();
+  EXPECT_EQ(*back, tree);
+
+  // A small list uses one-byte references, and equal values are written once.
+  auto small = dataWithPropertyList(Value::array({"same", "same", "same", 7, 7}));
+  ASSERT_TRUE(small);
+  EXPECT_EQ(small->at(small->size() - 25), 1);
+  EXPECT_EQ(small->at(small->size() - 17), 3) << "array, one string, one integer";
+}
+
 TEST(PropertyList, RefusesToWriteWhatIsNoPropertyList) {
   // libplist would write text that is not UTF-8 as UTF-16 that nothing reads back.
   for (const Value& v : {Value(), Value(Uuid::random()), Value::set({1}), Value::array({Value()}),
