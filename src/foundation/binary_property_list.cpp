@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "foundation/plist_tree.h"
+#include "foundation/string_utilities.h"
 
 namespace tesselune::plist {
 
@@ -25,37 +26,6 @@ std::size_t widthOf(std::uint64_t v) {
 
 void appendBigEndian(Bytes& out, std::uint64_t v, std::size_t width) {
   for (std::size_t i = width; i-- > 0;) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-}
-
-// UTF-8 (already checked to be valid) to UTF-16 code units.
-std::u16string utf16(std::string_view text) {
-  std::u16string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size();) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    std::uint32_t cp = c;
-    std::size_t n = 0;
-    if (c >= 0xF0) {
-      cp = c & 0x07;
-      n = 3;
-    } else if (c >= 0xE0) {
-      cp = c & 0x0F;
-      n = 2;
-    } else if (c >= 0xC0) {
-      cp = c & 0x1F;
-      n = 1;
-    }
-    for (std::size_t k = 1; k <= n; ++k) cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-    i += n + 1;
-    if (cp >= 0x10000) {
-      cp -= 0x10000;
-      out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-      out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-    } else {
-      out.push_back(static_cast<char16_t>(cp));
-    }
-  }
-  return out;
 }
 
 class BinaryWriter {
@@ -227,7 +197,7 @@ class BinaryWriter {
           marker(out, 0x5, s.size());
           out.insert(out.end(), s.begin(), s.end());
         } else {
-          const std::u16string units = utf16(s);
+          const std::u16string units = utf8ToUtf16(s);  // valid: checked when added
           marker(out, 0x6, units.size());
           for (char16_t u : units) appendBigEndian(out, u, 2);
         }

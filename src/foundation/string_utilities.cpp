@@ -13,8 +13,9 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
-// UTF-8 to UTF-16 units; malformed bytes become U+FFFD.
-std::u16string toUnits(std::string_view text) {
+}  // namespace
+
+std::u16string utf8ToUtf16(std::string_view text) {
   std::u16string units;
   units.reserve(text.size());
   for (std::size_t i = 0; i < text.size();) {
@@ -57,6 +58,8 @@ std::u16string toUnits(std::string_view text) {
   return units;
 }
 
+namespace {
+
 void appendUtf8(std::string& out, char32_t cp) {
   if (cp < 0x80) {
     out.push_back(static_cast<char>(cp));
@@ -75,8 +78,9 @@ void appendUtf8(std::string& out, char32_t cp) {
   }
 }
 
-// UTF-16 units to UTF-8; a lone surrogate half becomes U+FFFD.
-std::string toUtf8(std::u16string_view units) {
+}  // namespace
+
+std::string utf16ToUtf8(std::u16string_view units) {
   std::string out;
   out.reserve(units.size());
   for (std::size_t i = 0; i < units.size(); ++i) {
@@ -93,6 +97,8 @@ std::string toUtf8(std::u16string_view units) {
   }
   return out;
 }
+
+namespace {
 
 // Simple upper-case mapping of one unit, as far as Foundation's uppercaseString maps letters to a
 // single letter: ASCII, Latin-1, Latin Extended-A, Greek and Cyrillic.
@@ -129,36 +135,36 @@ std::u16string upper(std::u16string_view units) {
 }  // namespace
 
 std::size_t utf16Length(std::string_view text) {
-  return toUnits(text).size();
+  return utf8ToUtf16(text).size();
 }
 
 std::string shortVersionWithLength(std::string_view text, std::size_t length) {
   if (length == 0) throw std::out_of_range("shortVersionWithLength: the length must be at least 1");
-  const std::u16string units = toUnits(text);
+  const std::u16string units = utf8ToUtf16(text);
   if (units.size() < length) return std::string(text);
   const auto head = static_cast<std::size_t>(static_cast<double>(std::uint64_t{length - 1}) * 0.5);
   const std::size_t tail = length - 1 - head;
   std::u16string shortened = units.substr(0, head);
   shortened.push_back(u'\u2026');
   shortened.append(units, units.size() - tail, tail);
-  return toUtf8(shortened);
+  return utf16ToUtf8(shortened);
 }
 
 std::string capitalizedFirstLetter(std::string_view text) {
-  const std::u16string units = toUnits(text);
+  const std::u16string units = utf8ToUtf16(text);
   if (units.size() > 1) {
     std::u16string out = upper(std::u16string_view(units).substr(0, 1));
     out.append(units, 1);
-    return toUtf8(out);
+    return utf16ToUtf8(out);
   }
   // capitalizedString of a single unit is its title case: the upper case, except for "ß" ("Ss").
   if (units.size() == 1 && units.front() == 0xDF) return "Ss";
-  return toUtf8(upper(units));
+  return utf16ToUtf8(upper(units));
 }
 
 std::string reversedString(std::string_view text) {
-  const std::u16string units = toUnits(text);
-  return toUtf8(std::u16string(units.rbegin(), units.rend()));
+  const std::u16string units = utf8ToUtf16(text);
+  return utf16ToUtf8(std::u16string(units.rbegin(), units.rend()));
 }
 
 }  // namespace tesselune

@@ -11,6 +11,11 @@
 
 namespace tesselune {
 
+// Conversions between UTF-8 and UTF-16 code units: malformed UTF-8 and lone surrogate halves become
+// U+FFFD.
+std::u16string utf8ToUtf16(std::string_view text);
+std::string utf16ToUtf8(std::u16string_view units);
+
 // The length in UTF-16 code units (NSString's length).
 std::size_t utf16Length(std::string_view text);
 
