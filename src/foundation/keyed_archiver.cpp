@@ -1,5 +1,6 @@
 // KeyedArchiver: builds the archive's object table in the order NSKeyedArchiver does (an object's
-// UID first, then what it encodes, then its class), then writes it through libplist.
+// UID first, then what it encodes, then its class), as a Value tree that the property-list writer
+// turns into the binary (or XML) format.
 
 #include "foundation/keyed_archiver.h"
 
