@@ -166,11 +166,9 @@ OperationQueue::OperationQueue()
     : wakeup_(std::make_shared<Wakeup>()), maxConcurrent_(defaultMaxConcurrentOperationCount()) {}
 
 OperationQueue::~OperationQueue() {
-  {
-    std::lock_guard lock(wakeup_->mutex);
-    suspended_ = false;
-  }
+  // Cancel before resuming, so that no worker starts a queued operation for real in between.
   cancelAllOperations();
+  setSuspended(false);
   waitUntilAllOperationsAreFinished();
   // Each jthread asks its worker to stop, which wakes it from its wait, and joins it.
   workers_.clear();

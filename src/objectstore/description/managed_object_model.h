@@ -1,0 +1,46 @@
+// ManagedObjectModel: the entities of a store, loaded from Xcode's model source (a .xcdatamodeld
+// folder, a .xcdatamodel folder or its "contents" file), as NSManagedObjectModel.
+//
+// A model is immutable once loaded and shared (std::shared_ptr) by everything that uses it; all
+// reads are thread-safe. Entity and property descriptions live as long as the model.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "foundation/error.h"
+#include "foundation/sha256.h"
+#include "objectstore/description/entity_description.h"
+
+namespace tesselune {
+
+class ManagedObjectModel {
+ public:
+  // Loads a model from a .xcdatamodeld folder (its current version, named by .xccurrentversion), a
+  // .xcdatamodel folder or a "contents" file. Errors name the file, the element and the fault.
+  [[nodiscard]] static Expected<std::shared_ptr<const ManagedObjectModel>> modelWithContentsOfFile(
+      const std::filesystem::path& path);
+  // Parses the XML of a model's "contents" file; `source` names it in errors.
+  [[nodiscard]] static Expected<std::shared_ptr<const ManagedObjectModel>> modelWithXml(
+      std::string_view xml, const std::string& source);
+
+  // Entities sorted by name.
+  const std::vector<std::unique_ptr<EntityDescription>>& entities() const { return entities_; }
+  const EntityDescription* entityNamed(std::string_view name) const;
+  const std::vector<std::string>& versionIdentifiers() const { return versionIdentifiers_; }
+
+  // The version hash of every entity, as stores record them in their metadata
+  // (NSStoreModelVersionHashes); two models whose hashes agree can open each other's stores.
+  std::map<std::string, Sha256::Digest, std::less<>> entityVersionHashes() const;
+
+ private:
+  friend class ModelBuilder;
+  std::vector<std::unique_ptr<EntityDescription>> entities_;
+  std::map<std::string, const EntityDescription*, std::less<>> entitiesByName_;
+  std::vector<std::string> versionIdentifiers_;
+};
+
+}  // namespace tesselune
