@@ -1,0 +1,55 @@
+// ManagedObjectID: the identity of a stored object, as NSManagedObjectID: its entity, and either
+// its store and primary key (permanent) or a process-unique temporary name (for objects not saved
+// yet). Its URI is what the main application and reports exchange.
+//
+// A plain value; safe to copy between threads. The entity pointer is borrowed from the model, which
+// must outlive the ID.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "foundation/url.h"
+#include "foundation/uuid.h"
+#include "objectstore/description/entity_description.h"
+
+namespace tesselune {
+
+class ManagedObjectID {
+ public:
+  static ManagedObjectID permanent(const EntityDescription& entity, const Uuid& store,
+                                   std::int64_t primaryKey);
+  // A new temporary ID, unique in the process: "t" followed by a UUID made once per process and a
+  // counter.
+  static ManagedObjectID temporary(const EntityDescription& entity);
+
+  const EntityDescription& entity() const { return *entity_; }
+  bool isTemporaryID() const { return temporary_; }
+  // For permanent IDs.
+  const Uuid& storeIdentifier() const { return store_; }
+  std::int64_t primaryKey() const { return primaryKey_; }
+
+  // x-coredata://<store UUID>/<Entity>/p<key>, or x-coredata:///<Entity>/t<name> when temporary.
+  Url URIRepresentation() const;
+
+  friend bool operator==(const ManagedObjectID& a, const ManagedObjectID& b) {
+    return a.entity_ == b.entity_ && a.temporary_ == b.temporary_ && a.store_ == b.store_ &&
+           a.primaryKey_ == b.primaryKey_ && a.temporaryName_ == b.temporaryName_;
+  }
+  std::size_t hash() const;
+
+ private:
+  const EntityDescription* entity_ = nullptr;
+  bool temporary_ = false;
+  Uuid store_;
+  std::int64_t primaryKey_ = 0;
+  std::string temporaryName_;
+};
+
+}  // namespace tesselune
+
+template <>
+struct std::hash<tesselune::ManagedObjectID> {
+  std::size_t operator()(const tesselune::ManagedObjectID& id) const { return id.hash(); }
+};

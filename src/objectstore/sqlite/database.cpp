@@ -1,0 +1,258 @@
+// Database and Statement over the SQLite C API.
+
+#include "objectstore/sqlite/database.h"
+
+#include <fmt/format.h>
+
+#include <cctype>
+#include <set>
+
+namespace tesselune {
+
+namespace {
+
+// Core Data's triggers call functions of its own; on a plain connection such a trigger would fail
+// the write that fires it. They stand in as functions that do nothing.
+void doNothing(sqlite3_context* context, int, sqlite3_value**) {
+  sqlite3_result_null(context);
+}
+
+// Names of functions called in trigger bodies that Core Data defines ("NSCoreData…",
+// "NSPersistent…").
+std::set<std::string> triggerFunctionNames(std::string_view sql) {
+  std::set<std::string> names;
+  for (std::size_t i = 0; i < sql.size(); ++i) {
+    if (!(sql.substr(i, 10) == "NSCoreData" || sql.substr(i, 12) == "NSPersistent")) continue;
+    std::size_t end = i;
+    while (end < sql.size() && (std::isalnum(static_cast<unsigned char>(sql[end])) || sql[end] == '_')) ++end;
+    std::size_t next = end;
+    while (next < sql.size() && std::isspace(static_cast<unsigned char>(sql[next]))) ++next;
+    if (next < sql.size() && sql[next] == '(') names.emplace(sql.substr(i, end - i));
+    i = end;
+  }
+  return names;
+}
+
+}  // namespace
+
+// --- Statement ---
+
+Statement::Statement(Statement&& other) noexcept
+    : database_(other.database_), statement_(other.statement_), sql_(std::move(other.sql_)) {
+  other.statement_ = nullptr;
+}
+
+Statement& Statement::operator=(Statement&& other) noexcept {
+  if (this != &other) {
+    sqlite3_finalize(statement_);
+    database_ = other.database_;
+    statement_ = other.statement_;
+    sql_ = std::move(other.sql_);
+    other.statement_ = nullptr;
+  }
+  return *this;
+}
+
+Statement::~Statement() {
+  sqlite3_finalize(statement_);
+}
+
+Status Statement::bind(int index, const Value& value) {
+  int rc = SQLITE_OK;
+  switch (value.type()) {
+    case Value::Type::Null:
+      rc = sqlite3_bind_null(statement_, index);
+      break;
+    case Value::Type::Bool:
+    case Value::Type::Integer:
+      rc = sqlite3_bind_int64(statement_, index, value.integerValue());
+      break;
+    case Value::Type::Double:
+      rc = sqlite3_bind_double(statement_, index, value.asDouble());
+      break;
+    case Value::Type::Date:
+      rc = sqlite3_bind_double(statement_, index, value.asDate().secondsSinceReferenceDate);
+      break;
+    case Value::Type::String:
+      rc = sqlite3_bind_text64(statement_, index, value.asString().data(), value.asString().size(),
+                               SQLITE_TRANSIENT, SQLITE_UTF8);
+      break;
+    case Value::Type::Data:
+      rc = sqlite3_bind_blob64(statement_, index, value.asData().data(), value.asData().size(),
+                               SQLITE_TRANSIENT);
+      break;
+    case Value::Type::Uuid:
+      rc = sqlite3_bind_blob64(statement_, index, value.asUuid().bytes().data(),
+                               value.asUuid().bytes().size(), SQLITE_TRANSIENT);
+      break;
+    case Value::Type::Url: {
+      const std::string text = value.asUrl().absoluteString();
+      rc = sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+      break;
+    }
+    default:
+      return fail(Error(std::string(kCocoaErrorDomain), kCoderInvalidValueError,
+                        fmt::format("{} cannot be stored in a column ({})", value.description(), sql_)));
+  }
+  if (rc != SQLITE_OK) return fail(database_->error(rc, sql_));
+  return {};
+}
+
+Expected<bool> Statement::step() {
+  const int rc = sqlite3_step(statement_);
+  if (rc == SQLITE_ROW) return true;
+  if (rc == SQLITE_DONE) return false;
+  return fail(database_->error(rc, sql_));
+}
+
+Status Statement::run() {
+  for (;;) {
+    auto row = step();
+    if (!row) return fail(row.error());
+    if (!*row) return {};
+  }
+}
+
+Status Statement::reset() {
+  sqlite3_reset(statement_);
+  if (const int rc = sqlite3_clear_bindings(statement_); rc != SQLITE_OK)
+    return fail(database_->error(rc, sql_));
+  return {};
+}
+
+int Statement::columnCount() const {
+  return sqlite3_column_count(statement_);
+}
+bool Statement::isNull(int column) const {
+  return sqlite3_column_type(statement_, column) == SQLITE_NULL;
+}
+std::int64_t Statement::integer(int column) const {
+  return sqlite3_column_int64(statement_, column);
+}
+double Statement::real(int column) const {
+  return sqlite3_column_double(statement_, column);
+}
+
+std::string Statement::text(int column) const {
+  const auto* p = sqlite3_column_text(statement_, column);
+  return p ? std::string(reinterpret_cast<const char*>(p),
+                         static_cast<std::size_t>(sqlite3_column_bytes(statement_, column)))
+           : std::string();
+}
+
+Bytes Statement::blob(int column) const {
+  const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_, column));
+  return p ? Bytes(p, p + sqlite3_column_bytes(statement_, column)) : Bytes();
+}
+
+Value Statement::value(int column) const {
+  switch (sqlite3_column_type(statement_, column)) {
+    case SQLITE_INTEGER:
+      return Value(integer(column));
+    case SQLITE_FLOAT:
+      return Value(real(column));
+    case SQLITE_TEXT:
+      return Value(text(column));
+    case SQLITE_BLOB:
+      return Value(blob(column));
+    default:
+      return Value();
+  }
+}
+
+// --- Database ---
+
+Expected<std::unique_ptr<Database>> Database::open(const std::filesystem::path& path, Mode mode,
+                                                   std::chrono::milliseconds busyTimeout) {
+  int flags = SQLITE_OPEN_NOMUTEX;
+  switch (mode) {
+    case Mode::ReadOnly:
+      flags |= SQLITE_OPEN_READONLY;
+      break;
+    case Mode::ReadWrite:
+      flags |= SQLITE_OPEN_READWRITE;
+      break;
+    case Mode::ReadWriteCreate:
+      flags |= SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+      break;
+  }
+  sqlite3* db = nullptr;
+  const int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  std::unique_ptr<Database> database(new Database(db, path));
+  if (rc != SQLITE_OK) return fail(database->error(rc, "open"));
+  sqlite3_busy_timeout(db, static_cast<int>(busyTimeout.count()));
+  sqlite3_extended_result_codes(db, 1);
+  // The first read tells whether the file is a database at all; nothing is written before it.
+  if (auto s = database->registerTriggerFunctions(); !s) return fail(s.error());
+  return database;
+}
+
+Database::~Database() {
+  sqlite3_close_v2(db_);
+}
+
+Status Database::registerTriggerFunctions() {
+  static constexpr std::string_view kSql = "SELECT sql FROM sqlite_master WHERE type = 'trigger'";
+  auto statement = prepare(kSql);
+  if (!statement) return fail(statement.error());
+  std::set<std::string> names;
+  for (;;) {
+    auto row = statement->step();
+    if (!row) return fail(row.error());
+    if (!*row) break;
+    names.merge(triggerFunctionNames(statement->text(0)));
+  }
+  for (const std::string& name : names) {
+    const int rc = sqlite3_create_function_v2(db_, name.c_str(), -1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                                              nullptr, doNothing, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) return fail(error(rc, name));
+  }
+  return {};
+}
+
+Expected<Statement> Database::prepare(std::string_view sql) {
+  sqlite3_stmt* statement = nullptr;
+  const int rc = sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &statement, nullptr);
+  if (rc != SQLITE_OK) {
+    sqlite3_finalize(statement);
+    return fail(error(rc, sql));
+  }
+  return Statement(this, statement, std::string(sql));
+}
+
+Status Database::execute(std::string_view sql) {
+  char* message = nullptr;
+  const int rc = sqlite3_exec(db_, std::string(sql).c_str(), nullptr, nullptr, &message);
+  sqlite3_free(message);
+  if (rc != SQLITE_OK) return fail(error(rc, sql));
+  return {};
+}
+
+Expected<bool> Database::tableExists(std::string_view name) {
+  auto statement = prepare("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?");
+  if (!statement) return fail(statement.error());
+  if (auto s = statement->bind(1, Value(name)); !s) return fail(s.error());
+  return statement->step();
+}
+
+Error Database::error(int code, std::string_view sql) const {
+  const std::string message = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(code);
+  const std::string file = path_.filename().string();
+  switch (code & 0xFF) {
+    case SQLITE_NOTADB:
+    case SQLITE_CORRUPT:
+      return Error(std::string(kCocoaErrorDomain), kFileReadCorruptFileError,
+                   fmt::format("The file “{}” couldn’t be opened because it isn’t in the correct format. "
+                               "(SQLite: {}; {}; {})",
+                               file, message, sql, path_.string()));
+    case SQLITE_CANTOPEN:
+      return Error(
+          std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
+          fmt::format("The file “{}” couldn’t be opened. (SQLite: {}; {})", file, message, path_.string()));
+    default:
+      return Error("NSSQLiteErrorDomain", code,
+                   fmt::format("SQLite error {} on “{}”: {} ({})", code, file, message, sql));
+  }
+}
+
+}  // namespace tesselune

@@ -1,0 +1,148 @@
+// SqliteStore: opening a store file, its metadata and entity numbers, and the model check.
+
+#include "objectstore/sqlite/sqlite_store.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "foundation/property_list.h"
+
+namespace tesselune {
+
+namespace {
+
+Error notAStore(const std::filesystem::path& path, std::string_view why) {
+  return Error(std::string(kCocoaErrorDomain), kFileReadCorruptFileError,
+               fmt::format("The file “{}” couldn’t be opened because it isn’t a store: {}.",
+                           path.filename().string(), why));
+}
+
+}  // namespace
+
+Expected<std::unique_ptr<SqliteStore>> SqliteStore::open(const std::filesystem::path& path,
+                                                         std::shared_ptr<const ManagedObjectModel> model,
+                                                         Options options) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(path, ec)) {
+    return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
+                      fmt::format("The file “{}” couldn’t be opened because there is no such file. ({})",
+                                  path.filename().string(), path.string())));
+  }
+  auto database = Database::open(
+      path, options.readOnly ? Database::Mode::ReadOnly : Database::Mode::ReadWrite, options.busyTimeout);
+  if (!database) return fail(database.error());
+  std::unique_ptr<SqliteStore> store(new SqliteStore());
+  store->database_ = std::move(*database);
+  store->model_ = std::move(model);
+  store->options_ = options;
+  if (auto s = store->readMetadata(); !s) return fail(s.error());
+  if (auto s = store->checkModel(); !s) return fail(s.error());
+  if (auto s = store->readEntityNumbers(); !s) return fail(s.error());
+  return store;
+}
+
+Status SqliteStore::readMetadata() {
+  for (const char* table : {"Z_METADATA", "Z_PRIMARYKEY"}) {
+    auto exists = database_->tableExists(table);
+    if (!exists) return fail(exists.error());
+    if (!*exists) return fail(notAStore(path(), fmt::format("it has no table {}", table)));
+  }
+  auto statement = database_->prepare("SELECT Z_UUID, Z_PLIST FROM Z_METADATA WHERE Z_VERSION = 1");
+  if (!statement) return fail(statement.error());
+  auto row = statement->step();
+  if (!row) return fail(row.error());
+  if (!*row) return fail(notAStore(path(), "its metadata row is missing"));
+  auto uuid = Uuid::parse(statement->text(0));
+  if (!uuid) return fail(notAStore(path(), "its UUID is malformed"));
+  identifier_ = *uuid;
+  if (!statement->isNull(1)) {
+    const Bytes plist = statement->blob(1);
+    auto metadata = propertyListWithData(plist);
+    if (!metadata || !metadata->isDictionary()) return fail(notAStore(path(), "its metadata is unreadable"));
+    metadata_ = metadata->asDictionary();
+  }
+  metadata_.insert_or_assign("NSStoreUUID", Value(identifier_.string()));
+  return {};
+}
+
+Status SqliteStore::checkModel() const {
+  const Value& recorded = metadata_.contains("NSStoreModelVersionHashes")
+                              ? metadata_.at("NSStoreModelVersionHashes")
+                              : nullValue();
+  const auto computed = model_->entityVersionHashes();
+  bool compatible = recorded.isDictionary() && recorded.count() == computed.size();
+  for (const auto& [name, digest] : computed) {
+    if (!compatible) break;
+    const Value& hash = recorded[name];
+    compatible =
+        hash.isData() && std::equal(hash.asData().begin(), hash.asData().end(), digest.begin(), digest.end());
+  }
+  if (compatible) return {};
+  return fail(
+      Error(std::string(kCocoaErrorDomain), kPersistentStoreIncompatibleVersionHashErrorCode,
+            fmt::format("The model used to open the store is incompatible with the one used to create the "
+                        "store. ({})",
+                        path().string())));
+}
+
+Status SqliteStore::readEntityNumbers() {
+  auto statement = database_->prepare("SELECT Z_ENT, Z_NAME FROM Z_PRIMARYKEY");
+  if (!statement) return fail(statement.error());
+  for (;;) {
+    auto row = statement->step();
+    if (!row) return fail(row.error());
+    if (!*row) break;
+    // Internal entities (history tracking) have no description in the model.
+    if (const EntityDescription* entity = model_->entityNamed(statement->text(1))) {
+      numbers_[entity] = statement->integer(0);
+      entitiesByNumber_[statement->integer(0)] = entity;
+    }
+  }
+  for (const auto& entity : model_->entities()) {
+    if (!numbers_.contains(entity.get())) {
+      return fail(notAStore(path(), fmt::format("it has no entity number for {}", entity->name())));
+    }
+  }
+  return {};
+}
+
+std::optional<std::int64_t> SqliteStore::entityNumber(const EntityDescription& entity) const {
+  auto it = numbers_.find(&entity);
+  if (it == numbers_.end()) return std::nullopt;
+  return it->second;
+}
+
+const EntityDescription* SqliteStore::entityForNumber(std::int64_t number) const {
+  auto it = entitiesByNumber_.find(number);
+  return it == entitiesByNumber_.end() ? nullptr : it->second;
+}
+
+std::string SqliteStore::tableName(const EntityDescription& entity) {
+  std::string name = "Z";
+  for (char c : entity.rootEntity()->name())
+    name.push_back(static_cast<char>(std::toupper(static_cast<unsigned char>(c))));
+  return name;
+}
+
+std::optional<ManagedObjectID> SqliteStore::objectIDForURIRepresentation(const Url& uri) const {
+  if (uri.scheme() != "x-coredata") return std::nullopt;
+  auto store = Uuid::parse(uri.host());
+  if (!store || *store != identifier_) return std::nullopt;
+  const std::vector<std::string> components = uri.pathComponents();
+  // "/", the entity, "p<key>".
+  if (components.size() != 3 || components[2].size() < 2 || components[2][0] != 'p') return std::nullopt;
+  const EntityDescription* entity = model_->entityNamed(components[1]);
+  if (entity == nullptr) return std::nullopt;
+  std::int64_t key = 0;
+  const std::string& digits = components[2];
+  for (std::size_t i = 1; i < digits.size(); ++i) {
+    if (!std::isdigit(static_cast<unsigned char>(digits[i])) || key > (INT64_MAX - 9) / 10)
+      return std::nullopt;
+    key = key * 10 + (digits[i] - '0');
+  }
+  return ManagedObjectID::permanent(*entity, identifier_, key);
+}
+
+}  // namespace tesselune

@@ -1,0 +1,82 @@
+// SqliteStore: a store file in Core Data's SQLite layout, opened with the model that describes it.
+//
+// Opening reads the metadata (Z_METADATA), the entity numbers and key counters (Z_PRIMARYKEY) and
+// checks that the model fits the store by its entity version hashes; it reads nothing of the
+// objects, so it costs the same for any size of store. A store is used from one thread at a time
+// (contexts serialise their access); the model must outlive it.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "foundation/error.h"
+#include "foundation/uuid.h"
+#include "foundation/value.h"
+#include "objectstore/description/managed_object_model.h"
+#include "objectstore/managed_object_id.h"
+#include "objectstore/sqlite/database.h"
+
+namespace tesselune {
+
+// Core Data's error codes for stores.
+enum CoreDataErrorCode : std::int64_t {
+  kPersistentStoreIncompatibleSchemaError = 134020,
+  kPersistentStoreIncompatibleVersionHashErrorCode = 134100,
+  kMigrationMissingMappingModelError = 134140,
+  kPersistentStoreOpenError = 134080,
+};
+
+class SqliteStore {
+ public:
+  struct Options {
+    bool readOnly = false;
+    // How long to wait for the main application's locks before failing.
+    std::chrono::milliseconds busyTimeout = std::chrono::seconds(10);
+  };
+
+  // Opens an existing store. Fails for a missing, non-SQLite, corrupt or locked file, for a
+  // database that is not a Core Data store, and (134100) for a model whose entity hashes differ
+  // from the store's; the file is left as it was.
+  [[nodiscard]] static Expected<std::unique_ptr<SqliteStore>> open(
+      const std::filesystem::path& path, std::shared_ptr<const ManagedObjectModel> model, Options options);
+
+  const std::filesystem::path& path() const { return database_->path(); }
+  const ManagedObjectModel& model() const { return *model_; }
+  bool isReadOnly() const { return options_.readOnly; }
+  // The store's UUID (NSStoreUUID).
+  const Uuid& identifier() const { return identifier_; }
+  // The metadata dictionary, with NSStoreUUID added as the platform reports it.
+  const Dictionary& metadata() const { return metadata_; }
+
+  // The number the store gives an entity (Z_ENT), and the entity for a number.
+  std::optional<std::int64_t> entityNumber(const EntityDescription& entity) const;
+  const EntityDescription* entityForNumber(std::int64_t number) const;
+  // The table that holds an entity's objects: "Z" and its root entity's name in upper case.
+  static std::string tableName(const EntityDescription& entity);
+
+  // managedObjectIDForURIRepresentation: the ID a URI names, when it names an object of this store
+  // and an entity of its model; nothing otherwise.
+  std::optional<ManagedObjectID> objectIDForURIRepresentation(const Url& uri) const;
+
+  Database& database() { return *database_; }
+
+ private:
+  SqliteStore() = default;
+  [[nodiscard]] Status readMetadata();
+  [[nodiscard]] Status readEntityNumbers();
+  [[nodiscard]] Status checkModel() const;
+
+  std::unique_ptr<Database> database_;
+  std::shared_ptr<const ManagedObjectModel> model_;
+  Options options_;
+  Uuid identifier_;
+  Dictionary metadata_;
+  std::map<const EntityDescription*, std::int64_t> numbers_;
+  std::map<std::int64_t, const EntityDescription*> entitiesByNumber_;
+};
+
+}  // namespace tesselune
