@@ -8,6 +8,7 @@
 #include <cctype>
 
 #include "foundation/property_list.h"
+#include "objectstore/sqlite/schema.h"
 
 namespace tesselune {
 
@@ -41,6 +42,96 @@ Expected<std::unique_ptr<SqliteStore>> SqliteStore::open(const std::filesystem::
   if (auto s = store->checkModel(); !s) return fail(s.error());
   if (auto s = store->readEntityNumbers(); !s) return fail(s.error());
   return store;
+}
+
+namespace {
+
+// The metadata of a new store, as Core Data writes it.
+Value newMetadata(const ManagedObjectModel& model) {
+  Dictionary hashes;
+  for (const auto& [name, digest] : model.entityVersionHashes())
+    hashes.emplace(name, Value(Bytes(digest.begin(), digest.end())));
+  Array identifiers(model.versionIdentifiers().begin(), model.versionIdentifiers().end());
+  if (identifiers.empty()) identifiers.emplace_back("");
+  return Value::dictionary({
+      {"NSStoreType", "SQLite"},
+      {"NSStoreModelVersionHashes", Value(std::move(hashes))},
+      {"NSStoreModelVersionHashesVersion", 3},
+      {"NSStoreModelVersionIdentifiers", Value(std::move(identifiers))},
+      {"NSPersistenceFrameworkVersion", 637},
+      {"_NSAutoVacuumLevel", "2"},
+  });
+}
+
+Status createTables(Database& db, const ManagedObjectModel& model) {
+  // Page size and vacuum mode take effect only before the first table.
+  for (const char* pragma :
+       {"PRAGMA page_size = 4096", "PRAGMA auto_vacuum = 2", "PRAGMA journal_mode = WAL"}) {
+    if (auto s = db.execute(pragma); !s) return s;
+  }
+  if (auto s = db.execute("BEGIN EXCLUSIVE"); !s) return s;
+  const EntityNumbers numbers = StoreSchema::numberEntities(model);
+  const StoreSchema schema = StoreSchema::forModel(model, numbers);
+  auto body = [&]() -> Status {
+    for (const TableSchema& table : schema.tables()) {
+      if (auto s = db.execute(table.createSql()); !s) return s;
+    }
+    for (const IndexSchema& index : schema.indexes()) {
+      if (auto s = db.execute(index.createSql()); !s) return s;
+    }
+    for (const char* sql :
+         {"CREATE TABLE Z_PRIMARYKEY (Z_ENT INTEGER PRIMARY KEY, Z_NAME VARCHAR, Z_SUPER INTEGER, Z_MAX "
+          "INTEGER)",
+          "CREATE TABLE Z_METADATA (Z_VERSION INTEGER PRIMARY KEY, Z_UUID VARCHAR(255), Z_PLIST BLOB)"}) {
+      if (auto s = db.execute(sql); !s) return s;
+    }
+    auto insert = db.prepare("INSERT INTO Z_PRIMARYKEY (Z_ENT, Z_NAME, Z_SUPER, Z_MAX) VALUES (?, ?, ?, 0)");
+    if (!insert) return fail(insert.error());
+    for (const auto& [entity, number] : numbers) {
+      const std::int64_t super = entity->superentity() ? numbers.at(entity->superentity()) : 0;
+      if (auto s = insert->bind(1, Value(number)); !s) return s;
+      if (auto s = insert->bind(2, Value(entity->name())); !s) return s;
+      if (auto s = insert->bind(3, Value(super)); !s) return s;
+      if (auto s = insert->run(); !s) return s;
+      if (auto s = insert->reset(); !s) return s;
+    }
+    auto plist = dataWithPropertyList(newMetadata(model));
+    if (!plist) return fail(plist.error());
+    auto metadata = db.prepare("INSERT INTO Z_METADATA (Z_VERSION, Z_UUID, Z_PLIST) VALUES (1, ?, ?)");
+    if (!metadata) return fail(metadata.error());
+    if (auto s = metadata->bind(1, Value(Uuid::random().string())); !s) return s;
+    if (auto s = metadata->bind(2, Value(*plist)); !s) return s;
+    if (auto s = metadata->run(); !s) return s;
+    return db.execute("COMMIT");
+  };
+  Status status = body();
+  if (!status) (void)db.execute("ROLLBACK");
+  return status;
+}
+
+}  // namespace
+
+Expected<std::unique_ptr<SqliteStore>> SqliteStore::create(const std::filesystem::path& path,
+                                                           std::shared_ptr<const ManagedObjectModel> model,
+                                                           Options options) {
+  std::error_code ec;
+  if (std::filesystem::exists(path, ec)) {
+    return fail(
+        Error(std::string(kCocoaErrorDomain), kFileWriteFileExistsError,
+              fmt::format("The file “{}” couldn’t be created because a file with the same name already "
+                          "exists. ({})",
+                          path.filename().string(), path.string())));
+  }
+  {
+    auto database = Database::open(path, Database::Mode::ReadWriteCreate, options.busyTimeout);
+    Status status = database ? createTables(**database, *model) : Status(fail(database.error()));
+    if (!status) {
+      database = fail(status.error());  // closes the connection before the files go
+      for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(path.string() + suffix, ec);
+      return fail(status.error());
+    }
+  }
+  return open(path, std::move(model), options);
 }
 
 Status SqliteStore::readMetadata() {

@@ -28,6 +28,7 @@ enum CoreDataErrorCode : std::int64_t {
   kPersistentStoreIncompatibleVersionHashErrorCode = 134100,
   kMigrationMissingMappingModelError = 134140,
   kPersistentStoreOpenError = 134080,
+  kFileWriteFileExistsError = 516,
 };
 
 class SqliteStore {
@@ -47,6 +48,12 @@ class SqliteStore {
   const std::filesystem::path& path() const { return database_->path(); }
   const ManagedObjectModel& model() const { return *model_; }
   bool isReadOnly() const { return options_.readOnly; }
+  // Creates a new store for the model at a path where no file is: Core Data's tables, columns, join
+  // tables and indexes, the entity numbers and the metadata with the model's version hashes, in WAL
+  // mode. A failure removes what it created.
+  [[nodiscard]] static Expected<std::unique_ptr<SqliteStore>> create(
+      const std::filesystem::path& path, std::shared_ptr<const ManagedObjectModel> model, Options options);
+
   // The store's UUID (NSStoreUUID).
   const Uuid& identifier() const { return identifier_; }
   // The metadata dictionary, with NSStoreUUID added as the platform reports it.
