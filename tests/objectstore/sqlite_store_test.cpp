@@ -104,6 +104,39 @@ TEST_F(SqliteStoreTest, OpensEveryFixtureStoreWithItsModelAndRefusesOthers) {
   EXPECT_EQ(wrong.error().code(), kPersistentStoreIncompatibleVersionHashErrorCode);
 }
 
+TEST_F(SqliteStoreTest, AllocatesKeysFromTheHierarchysCounter) {
+  const fs::path path = copyStore("Moody.moody");
+  auto store = SqliteStore::open(path, model("Moody"), {});
+  ASSERT_TRUE(store);
+  const ManagedObjectModel& m = (*store)->model();
+  // Z_MAX is 36 in the region hierarchy's root row (not a row count: there are five regions).
+  EXPECT_EQ((*store)->allocatePrimaryKeys(*m.entityNamed("Country"), 10), 37);
+  EXPECT_EQ((*store)->allocatePrimaryKeys(*m.entityNamed("Continent"), 1), 47);
+  EXPECT_EQ((*store)->allocatePrimaryKeys(*m.entityNamed("Mood"), 1), 117);
+  store->reset();
+
+  // Another connection sees the counters, kept in the root rows only.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db, "SELECT Z_NAME, Z_MAX FROM Z_PRIMARYKEY ORDER BY Z_ENT", -1, &statement, nullptr);
+  std::vector<std::pair<std::string, std::int64_t>> counters;
+  while (sqlite3_step(statement) == SQLITE_ROW) {
+    counters.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)),
+                          sqlite3_column_int64(statement, 1));
+  }
+  sqlite3_finalize(statement);
+  sqlite3_close(db);
+  EXPECT_EQ(counters, (std::vector<std::pair<std::string, std::int64_t>>{
+                          {"GeographicRegion", 47}, {"Continent", 0}, {"Country", 0}, {"Mood", 117}}));
+
+  auto readOnly = SqliteStore::open(path, model("Moody"), {.readOnly = true});
+  ASSERT_TRUE(readOnly);
+  auto refused = (*readOnly)->allocatePrimaryKeys(*(*readOnly)->model().entityNamed("Mood"), 1);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code(), kFileWriteNoPermissionError);
+}
+
 TEST_F(SqliteStoreTest, FailsCleanlyOnFilesThatAreNoStoreAndLeavesThemAsTheyWere) {
   auto m = model("Moody");
   std::vector<std::pair<std::string, fs::path>> files;

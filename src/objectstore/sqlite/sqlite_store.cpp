@@ -236,4 +236,49 @@ std::optional<ManagedObjectID> SqliteStore::objectIDForURIRepresentation(const U
   return ManagedObjectID::permanent(*entity, identifier_, key);
 }
 
+Expected<std::int64_t> SqliteStore::allocatePrimaryKeys(const EntityDescription& entity, std::int64_t count) {
+  if (options_.readOnly) {
+    return fail(Error(std::string(kCocoaErrorDomain), kFileWriteNoPermissionError,
+                      fmt::format("The store “{}” is read-only.", path().filename().string())));
+  }
+  auto number = entityNumber(*entity.rootEntity());
+  if (!number || count < 1) {
+    return fail(Error(
+        std::string(kCocoaErrorDomain), kPersistentStoreOpenError,
+        fmt::format("No keys can be allocated for {} in “{}”.", entity.name(), path().filename().string())));
+  }
+  const bool ownTransaction = sqlite3_get_autocommit(database_->handle()) != 0;
+  if (ownTransaction) {
+    if (auto s = database_->execute("BEGIN EXCLUSIVE"); !s) return fail(s.error());
+  }
+  auto body = [&]() -> Expected<std::int64_t> {
+    auto select = database_->prepare("SELECT Z_MAX FROM Z_PRIMARYKEY WHERE Z_ENT = ?");
+    if (!select) return fail(select.error());
+    if (auto s = select->bind(1, Value(*number)); !s) return fail(s.error());
+    auto row = select->step();
+    if (!row) return fail(row.error());
+    if (!*row)
+      return fail(
+          notAStore(path(), fmt::format("it has no key counter for {}", entity.rootEntity()->name())));
+    const std::int64_t max = select->integer(0);
+    auto update = database_->prepare("UPDATE Z_PRIMARYKEY SET Z_MAX = ? WHERE Z_ENT = ? AND Z_MAX = ?");
+    if (!update) return fail(update.error());
+    if (auto s = update->bind(1, Value(max + count)); !s) return fail(s.error());
+    if (auto s = update->bind(2, Value(*number)); !s) return fail(s.error());
+    if (auto s = update->bind(3, Value(max)); !s) return fail(s.error());
+    if (auto s = update->run(); !s) return fail(s.error());
+    return max + 1;
+  };
+  auto first = body();
+  if (ownTransaction) {
+    if (!first) {
+      (void)database_->execute("ROLLBACK");
+    } else if (auto s = database_->execute("COMMIT"); !s) {
+      (void)database_->execute("ROLLBACK");
+      return fail(s.error());
+    }
+  }
+  return first;
+}
+
 }  // namespace tesselune

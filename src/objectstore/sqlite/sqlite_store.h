@@ -29,6 +29,7 @@ enum CoreDataErrorCode : std::int64_t {
   kMigrationMissingMappingModelError = 134140,
   kPersistentStoreOpenError = 134080,
   kFileWriteFileExistsError = 516,
+  kFileWriteNoPermissionError = 513,
 };
 
 class SqliteStore {
@@ -68,6 +69,12 @@ class SqliteStore {
   // managedObjectIDForURIRepresentation: the ID a URI names, when it names an object of this store
   // and an entity of its model; nothing otherwise.
   std::optional<ManagedObjectID> objectIDForURIRepresentation(const Url& uri) const;
+
+  // Reserves `count` new primary keys for objects of an entity and answers the first. A hierarchy
+  // shares the counter in its root entity's Z_PRIMARYKEY row; the counter only grows, and keys that
+  // go unused are not given back. Runs in its own exclusive transaction unless one is open.
+  [[nodiscard]] Expected<std::int64_t> allocatePrimaryKeys(const EntityDescription& entity,
+                                                           std::int64_t count);
 
   Database& database() { return *database_; }
 
