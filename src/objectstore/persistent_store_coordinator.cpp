@@ -1,0 +1,144 @@
+// Store descriptions, coordinators and containers.
+
+#include "objectstore/persistent_store_coordinator.h"
+
+#include <fmt/format.h>
+
+#include <cstdlib>
+#include <thread>
+
+namespace tesselune {
+
+// --- PersistentStoreCoordinator ---
+
+PersistentStoreCoordinator::PersistentStoreCoordinator(std::shared_ptr<const ManagedObjectModel> model)
+    : model_(std::move(model)) {}
+
+PersistentStoreCoordinator::~PersistentStoreCoordinator() {
+  // Asynchronous adds finish before the stores they add to go away.
+  adders_.clear();
+}
+
+Expected<SqliteStore*> PersistentStoreCoordinator::addPersistentStore(
+    const PersistentStoreDescription& description) {
+  if (description.type != kSQLiteStoreType) {
+    return fail(Error(std::string(kCocoaErrorDomain), kPersistentStoreOpenError,
+                      fmt::format("The store type “{}” is not supported.", description.type)));
+  }
+  if (!description.url.isFileUrl()) {
+    return fail(
+        Error(std::string(kCocoaErrorDomain), kPersistentStoreOpenError,
+              fmt::format("The store URL “{}” is not a file URL.", description.url.absoluteString())));
+  }
+  const std::filesystem::path path = description.url.path();
+  std::lock_guard lock(mutex_);
+  for (const auto& store : stores_) {
+    if (store->path() == path) return store.get();
+  }
+  SqliteStore::Options options{.readOnly = description.readOnly};
+  std::error_code ec;
+  auto store = std::filesystem::exists(path, ec) || description.readOnly
+                   ? SqliteStore::open(path, model_, options)
+                   : SqliteStore::create(path, model_, options);
+  if (!store) return fail(store.error());
+  stores_.push_back(std::move(*store));
+  return stores_.back().get();
+}
+
+void PersistentStoreCoordinator::addPersistentStoreWithDescription(
+    const PersistentStoreDescription& description, CompletionHandler handler) {
+  auto add = [this, description, handler = std::move(handler)] {
+    auto store = addPersistentStore(description);
+    if (handler) handler(description, store ? std::nullopt : std::optional<Error>(store.error()));
+  };
+  if (!description.shouldAddStoreAsynchronously) {
+    add();
+    return;
+  }
+  std::lock_guard lock(mutex_);
+  adders_.emplace_back(std::move(add));
+}
+
+std::vector<SqliteStore*> PersistentStoreCoordinator::persistentStores() const {
+  std::lock_guard lock(mutex_);
+  std::vector<SqliteStore*> stores;
+  for (const auto& store : stores_) stores.push_back(store.get());
+  return stores;
+}
+
+SqliteStore* PersistentStoreCoordinator::persistentStoreForURL(const Url& url) const {
+  if (!url.isFileUrl()) return nullptr;
+  const std::filesystem::path path = url.path();
+  std::lock_guard lock(mutex_);
+  for (const auto& store : stores_) {
+    if (store->path() == path) return store.get();
+  }
+  return nullptr;
+}
+
+std::optional<ManagedObjectID> PersistentStoreCoordinator::managedObjectIDForURIRepresentation(
+    const Url& uri) const {
+  std::lock_guard lock(mutex_);
+  for (const auto& store : stores_) {
+    if (auto id = store->objectIDForURIRepresentation(uri)) return id;
+  }
+  return std::nullopt;
+}
+
+// --- PersistentContainer ---
+
+PersistentContainer::PersistentContainer(std::string name, std::shared_ptr<const ManagedObjectModel> model)
+    : name_(std::move(name)),
+      model_(std::move(model)),
+      coordinator_(std::make_unique<PersistentStoreCoordinator>(model_)) {}
+
+Expected<std::unique_ptr<PersistentContainer>> PersistentContainer::persistentContainerWithName(
+    const std::string& name, const std::vector<std::filesystem::path>& resourceFolders) {
+  std::error_code ec;
+  for (const auto& folder : resourceFolders) {
+    for (const char* extension : {".xcdatamodeld", ".xcdatamodel"}) {
+      const std::filesystem::path candidate = folder / (name + extension);
+      if (!std::filesystem::exists(candidate, ec)) continue;
+      auto model = ManagedObjectModel::modelWithContentsOfFile(candidate);
+      if (!model) return fail(model.error());
+      return std::make_unique<PersistentContainer>(name, std::move(*model));
+    }
+  }
+  return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
+                    fmt::format("No model named “{}” was found in the resource folders.", name)));
+}
+
+Url PersistentContainer::defaultDirectoryURL() const {
+  std::filesystem::path base;
+  if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && *data == '/') {
+    base = data;
+  } else if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
+    base = std::filesystem::path(home) / ".local/share";
+  } else {
+    base = std::filesystem::temp_directory_path();
+  }
+  return Url::fileUrl((base / name_).string(), true);
+}
+
+const std::vector<PersistentStoreDescription>& PersistentContainer::persistentStoreDescriptions() const {
+  if (!descriptions_) {
+    descriptions_ =
+        std::vector<PersistentStoreDescription>{PersistentStoreDescription::persistentStoreDescriptionWithURL(
+            defaultDirectoryURL().appendingPathComponent(name_ + ".sqlite", false))};
+  }
+  return *descriptions_;
+}
+
+void PersistentContainer::setPersistentStoreDescriptions(
+    std::vector<PersistentStoreDescription> descriptions) {
+  descriptions_ = std::move(descriptions);
+}
+
+void PersistentContainer::loadPersistentStoresWithCompletionHandler(
+    const PersistentStoreCoordinator::CompletionHandler& handler) {
+  for (const PersistentStoreDescription& description : persistentStoreDescriptions()) {
+    coordinator_->addPersistentStoreWithDescription(description, handler);
+  }
+}
+
+}  // namespace tesselune
