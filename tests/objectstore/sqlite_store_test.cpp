@@ -137,6 +137,26 @@ TEST_F(SqliteStoreTest, AllocatesKeysFromTheHierarchysCounter) {
   EXPECT_EQ(refused.error().code(), kFileWriteNoPermissionError);
 }
 
+TEST_F(SqliteStoreTest, WritesThroughCoreDatasOwnTriggers) {
+  const fs::path path = copyStore("Moody 5.moody");
+  {
+    // Core Data installs triggers that call functions only it defines.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(
+        sqlite3_exec(db,
+                     "CREATE TRIGGER Z_DA_ZMOOD_TRIGGER AFTER UPDATE OF ZRATING ON ZMOOD FOR EACH ROW BEGIN "
+                     "SELECT NSCoreDataTriggerUpdateAffectedObjectValue('ZCOUNTRY', Z_ENT, Z_PK, "
+                     "'numberOfMoods', 1) FROM ZCOUNTRY WHERE Z_PK = NEW.ZCOUNTRY; END",
+                     nullptr, nullptr, nullptr),
+        SQLITE_OK);
+    sqlite3_close(db);
+  }
+  auto store = SqliteStore::open(path, model("Moody 5"), {});
+  ASSERT_TRUE(store) << store.error().debugDescription();
+  EXPECT_TRUE((*store)->database().execute("UPDATE ZMOOD SET ZRATING = 3"));
+}
+
 TEST_F(SqliteStoreTest, FailsCleanlyOnFilesThatAreNoStoreAndLeavesThemAsTheyWere) {
   auto m = model("Moody");
   std::vector<std::pair<std::string, fs::path>> files;
