@@ -48,7 +48,9 @@ using Expected = std::expected<T, Error>;
 using Status = std::expected<void, Error>;
 
 // Shorthand for returning a failure: `return fail(error);`.
-inline std::unexpected<Error> fail(Error error) { return std::unexpected<Error>(std::move(error)); }
+inline std::unexpected<Error> fail(Error error) {
+  return std::unexpected<Error>(std::move(error));
+}
 
 // Domains and codes of failures that mirror the platform's own, so that texts and codes read as a
 // macOS user would expect.
@@ -66,7 +68,12 @@ enum CocoaErrorCode : std::int64_t {
   kCoderReadCorruptError = 4864,
   kCoderValueNotFoundError = 4865,
   kCoderInvalidValueError = 4866,
+  kFileWriteNoPermissionError = 513,
+  kFileWriteFileExistsError = 516,
+  kPersistentStoreIncompatibleSchemaError = 134020,
+  kPersistentStoreOpenError = 134080,
   kPersistentStoreIncompatibleVersionHashError = 134100,
+  kMigrationMissingMappingModelError = 134140,
   kManagedObjectMergeError = 133020,
 };
 

@@ -112,15 +112,7 @@ TEST(ManagedObjectModel, FindsTheCurrentVersionOfABundle) {
 }
 
 TEST(ManagedObjectModel, ComputesTheVersionHashesCoreDataRecorded) {
-  const std::vector<std::pair<std::string, std::string>> pairs = {
-      {"coredata/moody/stores/Moody.moody", "coredata/moody/Moody.xcdatamodeld/Moody.xcdatamodel"},
-      {"coredata/moody/stores/Moody 2.moody", "coredata/moody/Moody.xcdatamodeld/Moody 2.xcdatamodel"},
-      {"coredata/moody/stores/Moody 3.moody", "coredata/moody/Moody.xcdatamodeld/Moody 3.xcdatamodel"},
-      {"coredata/moody/stores/Moody 4.moody", "coredata/moody/Moody.xcdatamodeld/Moody 4.xcdatamodel"},
-      {"coredata/moody/stores/Moody 5.moody", "coredata/moody/Moody.xcdatamodeld/Moody 5.xcdatamodel"},
-      {"coredata/many-to-many/TestModel.sqlite",
-       "coredata/many-to-many/Sample.xcdatamodeld/TestModel.xcdatamodel"},
-  };
+  const auto& pairs = test::storesWithTheirModels();
   for (const auto& [store, modelPath] : pairs) {
     auto model = load(kFixtures / modelPath);
     ASSERT_TRUE(model);

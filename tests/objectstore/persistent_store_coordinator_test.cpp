@@ -97,7 +97,7 @@ TEST(PersistentStoreCoordinator, ReportsFailuresToTheHandlerAlsoWhenAsynchronous
   });
   const std::optional<Error> error = result.get_future().get();
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), kPersistentStoreIncompatibleVersionHashErrorCode);
+  EXPECT_EQ(error->code(), kPersistentStoreIncompatibleVersionHashError);
   EXPECT_NE(handlerThread, caller);
   EXPECT_TRUE(other.persistentStores().empty());
 

@@ -101,7 +101,7 @@ TEST_F(SqliteStoreTest, OpensEveryFixtureStoreWithItsModelAndRefusesOthers) {
   auto wrong = SqliteStore::open(copyStore("Moody.moody"), model("Moody 4"), {.readOnly = true});
   ASSERT_FALSE(wrong);
   EXPECT_EQ(wrong.error().domain(), kCocoaErrorDomain);
-  EXPECT_EQ(wrong.error().code(), kPersistentStoreIncompatibleVersionHashErrorCode);
+  EXPECT_EQ(wrong.error().code(), kPersistentStoreIncompatibleVersionHashError);
 }
 
 TEST_F(SqliteStoreTest, AllocatesKeysFromTheHierarchysCounter) {

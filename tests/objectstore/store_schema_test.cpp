@@ -9,6 +9,7 @@
 #include <fstream>
 #include <set>
 
+#include "fixtures.h"
 #include "objectstore/sqlite/sqlite_store.h"
 
 namespace tesselune {
@@ -72,15 +73,7 @@ std::set<std::string> layout(const fs::path& path) {
 }
 
 TEST(StoreSchema, CreatesTheLayoutCoreDataCreated) {
-  const std::vector<std::pair<std::string, std::string>> pairs = {
-      {"coredata/moody/stores/Moody.moody", "coredata/moody/Moody.xcdatamodeld/Moody.xcdatamodel"},
-      {"coredata/moody/stores/Moody 2.moody", "coredata/moody/Moody.xcdatamodeld/Moody 2.xcdatamodel"},
-      {"coredata/moody/stores/Moody 3.moody", "coredata/moody/Moody.xcdatamodeld/Moody 3.xcdatamodel"},
-      {"coredata/moody/stores/Moody 4.moody", "coredata/moody/Moody.xcdatamodeld/Moody 4.xcdatamodel"},
-      {"coredata/moody/stores/Moody 5.moody", "coredata/moody/Moody.xcdatamodeld/Moody 5.xcdatamodel"},
-      {"coredata/many-to-many/TestModel.sqlite",
-       "coredata/many-to-many/Sample.xcdatamodeld/TestModel.xcdatamodel"},
-  };
+  const auto& pairs = test::storesWithTheirModels();
   const fs::path folder = fs::path(::testing::TempDir()) / "store-schema";
   fs::remove_all(folder);
   fs::create_directories(folder);

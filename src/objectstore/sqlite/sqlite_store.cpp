@@ -172,7 +172,7 @@ Status SqliteStore::checkModel() const {
   }
   if (compatible) return {};
   return fail(
-      Error(std::string(kCocoaErrorDomain), kPersistentStoreIncompatibleVersionHashErrorCode,
+      Error(std::string(kCocoaErrorDomain), kPersistentStoreIncompatibleVersionHashError,
             fmt::format("The model used to open the store is incompatible with the one used to create the "
                         "store. ({})",
                         path().string())));

@@ -22,16 +22,6 @@
 
 namespace tesselune {
 
-// Core Data's error codes for stores.
-enum CoreDataErrorCode : std::int64_t {
-  kPersistentStoreIncompatibleSchemaError = 134020,
-  kPersistentStoreIncompatibleVersionHashErrorCode = 134100,
-  kMigrationMissingMappingModelError = 134140,
-  kPersistentStoreOpenError = 134080,
-  kFileWriteFileExistsError = 516,
-  kFileWriteNoPermissionError = 513,
-};
-
 class SqliteStore {
  public:
   struct Options {
