@@ -126,6 +126,26 @@ TEST(ManagedObjectModel, ComputesTheVersionHashesCoreDataRecorded) {
   }
 }
 
+TEST(ManagedObjectModel, FindsTheVersionAStoreWasMadeWith) {
+  auto versions = ManagedObjectModel::modelVersionsInBundle(kFixtures / "coredata/moody/Moody.xcdatamodeld");
+  ASSERT_TRUE(versions) << versions.error().debugDescription();
+  EXPECT_EQ(versions->size(), 6u);
+  for (const std::string version : {"Moody", "Moody 2", "Moody 3", "Moody 4", "Moody 5"}) {
+    const fs::path store = kFixtures / "coredata/moody/stores" / (version + ".moody");
+    Dictionary hashes;
+    for (const auto& [name, hash] : recordedHashes(store)) hashes.emplace(name, hash);
+    const Dictionary metadata{{"NSStoreModelVersionHashes", Value(std::move(hashes))}};
+    std::vector<std::string> compatible;
+    for (const auto& [name, model] : *versions) {
+      if (model->isCompatibleWithStoreMetadata(metadata)) compatible.push_back(name);
+    }
+    EXPECT_NE(std::find(compatible.begin(), compatible.end(), version), compatible.end()) << version;
+    EXPECT_LE(compatible.size(), 2u) << version << " fits too many versions";
+  }
+  EXPECT_FALSE(versions->at("Moody 4")->isCompatibleWithStoreMetadata({}));
+  EXPECT_FALSE(ManagedObjectModel::modelVersionsInBundle(kFixtures / "models"));
+}
+
 TEST(ManagedObjectModel, SaysWhereABrokenModelIsBroken) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"<model><entity name=\"A\"><attribute name=\"x\" attributeType=\"Integer 64\"", "malformed"},

@@ -58,6 +58,9 @@ TEST_F(SqliteStoreTest, ReadsMetadataEntityNumbersAndObjectUris) {
     SqliteStore& s = **store;
     const ManagedObjectModel& m = s.model();
     EXPECT_EQ(s.metadata().at("NSStoreUUID"), Value(s.identifier().string()));
+    // Read without a model, the metadata is the same.
+    EXPECT_EQ(Value(SqliteStore::metadataForPersistentStoreAtPath(s.path()).value_or(Dictionary())),
+              Value(s.metadata()));
     EXPECT_EQ(s.metadata().at("NSStoreType"), Value("SQLite"));
 
     const EntityDescription& country = *m.entityNamed("Country");

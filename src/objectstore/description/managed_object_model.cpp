@@ -359,4 +359,19 @@ Expected<std::shared_ptr<const ManagedObjectModel>> ManagedObjectModel::modelWit
   return modelWithXml(*xml, file.string());
 }
 
+Expected<std::map<std::string, std::shared_ptr<const ManagedObjectModel>>>
+ManagedObjectModel::modelVersionsInBundle(const std::filesystem::path& bundle) {
+  std::error_code ec;
+  std::map<std::string, std::shared_ptr<const ManagedObjectModel>> versions;
+  for (const auto& entry : std::filesystem::directory_iterator(bundle, ec)) {
+    if (entry.path().extension() != ".xcdatamodel") continue;
+    auto model = modelWithContentsOfFile(entry.path());
+    if (!model) return fail(model.error());
+    versions.emplace(entry.path().stem().string(), std::move(*model));
+  }
+  if (ec) return fail(fileError(bundle, ec.message()));
+  if (versions.empty()) return fail(fileError(bundle, "it holds no model version"));
+  return versions;
+}
+
 }  // namespace tesselune

@@ -23,6 +23,10 @@ class ManagedObjectModel {
   // .xcdatamodel folder or a "contents" file. Errors name the file, the element and the fault.
   [[nodiscard]] static Expected<std::shared_ptr<const ManagedObjectModel>> modelWithContentsOfFile(
       const std::filesystem::path& path);
+  // Every version in a .xcdatamodeld folder, by version name ("Moody 2"): the candidates for the
+  // model a store was made with.
+  [[nodiscard]] static Expected<std::map<std::string, std::shared_ptr<const ManagedObjectModel>>>
+  modelVersionsInBundle(const std::filesystem::path& bundle);
   // Parses the XML of a model's "contents" file; `source` names it in errors.
   [[nodiscard]] static Expected<std::shared_ptr<const ManagedObjectModel>> modelWithXml(
       std::string_view xml, const std::string& source);
@@ -35,6 +39,9 @@ class ManagedObjectModel {
   // The version hash of every entity, as stores record them in their metadata
   // (NSStoreModelVersionHashes); two models whose hashes agree can open each other's stores.
   std::map<std::string, Sha256::Digest, std::less<>> entityVersionHashes() const;
+  // isConfiguration:compatibleWithStoreMetadata:: whether the metadata's entity hashes
+  // (NSStoreModelVersionHashes) are exactly this model's.
+  bool isCompatibleWithStoreMetadata(const Dictionary& metadata) const;
 
  private:
   friend class ModelBuilder;

@@ -94,4 +94,16 @@ std::map<std::string, Sha256::Digest, std::less<>> ManagedObjectModel::entityVer
   return hashes;
 }
 
+bool ManagedObjectModel::isCompatibleWithStoreMetadata(const Dictionary& metadata) const {
+  auto recorded = metadata.find("NSStoreModelVersionHashes");
+  if (recorded == metadata.end() || !recorded->second.isDictionary()) return false;
+  const auto computed = entityVersionHashes();
+  if (recorded->second.count() != computed.size()) return false;
+  return std::all_of(computed.begin(), computed.end(), [&](const auto& entry) {
+    const Value& hash = recorded->second[entry.first];
+    return hash.isData() &&
+           std::equal(hash.asData().begin(), hash.asData().end(), entry.second.begin(), entry.second.end());
+  });
+}
+
 }  // namespace tesselune

@@ -134,6 +134,21 @@ Expected<std::unique_ptr<SqliteStore>> SqliteStore::create(const std::filesystem
   return open(path, std::move(model), options);
 }
 
+Expected<Dictionary> SqliteStore::metadataForPersistentStoreAtPath(const std::filesystem::path& path) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(path, ec)) {
+    return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
+                      fmt::format("The file “{}” couldn’t be opened because there is no such file. ({})",
+                                  path.filename().string(), path.string())));
+  }
+  auto database = Database::open(path, Database::Mode::ReadOnly);
+  if (!database) return fail(database.error());
+  SqliteStore reader;
+  reader.database_ = std::move(*database);
+  if (auto s = reader.readMetadata(); !s) return fail(s.error());
+  return reader.metadata_;
+}
+
 Status SqliteStore::readMetadata() {
   for (const char* table : {"Z_METADATA", "Z_PRIMARYKEY"}) {
     auto exists = database_->tableExists(table);
@@ -159,18 +174,7 @@ Status SqliteStore::readMetadata() {
 }
 
 Status SqliteStore::checkModel() const {
-  const Value& recorded = metadata_.contains("NSStoreModelVersionHashes")
-                              ? metadata_.at("NSStoreModelVersionHashes")
-                              : nullValue();
-  const auto computed = model_->entityVersionHashes();
-  bool compatible = recorded.isDictionary() && recorded.count() == computed.size();
-  for (const auto& [name, digest] : computed) {
-    if (!compatible) break;
-    const Value& hash = recorded[name];
-    compatible =
-        hash.isData() && std::equal(hash.asData().begin(), hash.asData().end(), digest.begin(), digest.end());
-  }
-  if (compatible) return {};
+  if (model_->isCompatibleWithStoreMetadata(metadata_)) return {};
   return fail(
       Error(std::string(kCocoaErrorDomain), kPersistentStoreIncompatibleVersionHashError,
             fmt::format("The model used to open the store is incompatible with the one used to create the "

@@ -45,6 +45,11 @@ class SqliteStore {
   [[nodiscard]] static Expected<std::unique_ptr<SqliteStore>> create(
       const std::filesystem::path& path, std::shared_ptr<const ManagedObjectModel> model, Options options);
 
+  // metadataForPersistentStoreOfType:URL:: the metadata of the store at a path (NSStoreUUID
+  // included), read without a model, as a coordinator reads it to choose the model to open with.
+  [[nodiscard]] static Expected<Dictionary> metadataForPersistentStoreAtPath(
+      const std::filesystem::path& path);
+
   // The store's UUID (NSStoreUUID).
   const Uuid& identifier() const { return identifier_; }
   // The metadata dictionary, with NSStoreUUID added as the platform reports it.
