@@ -27,9 +27,7 @@ std::shared_ptr<const ManagedObjectModel> load(const fs::path& path) {
 // The entity hashes a store's metadata records. The store is read from a copy: opening a WAL store,
 // even read-only, rewrites its shared-memory file.
 std::map<std::string, Value> recordedHashes(const fs::path& store) {
-  const fs::path folder = fs::path(::testing::TempDir()) / "recorded-hashes";
-  fs::remove_all(folder);
-  fs::create_directories(folder);
+  const fs::path folder = test::scratchFolder("recorded-hashes");
   for (const char* suffix : {"", "-wal", "-shm"}) {
     const fs::path from = store.string() + suffix;
     if (fs::exists(from)) fs::copy_file(from, folder / (store.filename().string() + suffix));

@@ -10,19 +10,14 @@
 #include <future>
 #include <thread>
 
+#include "fixtures.h"
+
 namespace tesselune {
 namespace {
 
 namespace fs = std::filesystem;
 
 const fs::path kMoody = fs::path(TESSELUNE_FIXTURES_DIR) / "coredata/moody";
-
-fs::path freshFolder(const std::string& name) {
-  const fs::path folder = fs::path(::testing::TempDir()) / name;
-  fs::remove_all(folder);
-  fs::create_directories(folder);
-  return folder;
-}
 
 // A container that keeps its stores in a folder of the test's.
 class FolderContainer : public PersistentContainer {
@@ -38,7 +33,7 @@ class FolderContainer : public PersistentContainer {
 TEST(PersistentContainer, CreatesItsStoreInItsDirectoryAndResolvesUris) {
   auto found = PersistentContainer::persistentContainerWithName("Moody", {"/nonexistent", kMoody});
   ASSERT_TRUE(found) << found.error().debugDescription();
-  const fs::path folder = freshFolder("container");
+  const fs::path folder = test::scratchFolder("container");
   FolderContainer container("Moody", (*found)->managedObjectModel(), folder);
   ASSERT_EQ(container.persistentStoreDescriptions().size(), 1u);
   EXPECT_EQ(container.persistentStoreDescriptions()[0].url.path(), (folder / "Moody.sqlite").string());
@@ -69,7 +64,7 @@ TEST(PersistentContainer, CreatesItsStoreInItsDirectoryAndResolvesUris) {
 }
 
 TEST(PersistentStoreCoordinator, ReportsFailuresToTheHandlerAlsoWhenAsynchronous) {
-  const fs::path folder = freshFolder("coordinator");
+  const fs::path folder = test::scratchFolder("coordinator");
   for (const char* suffix : {"", "-wal", "-shm"}) {
     fs::copy_file(kMoody / "stores" / (std::string("Moody.moody") + suffix),
                   folder / (std::string("Moody.moody") + suffix));

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "fixtures.h"
+
 namespace tesselune {
 namespace {
 
@@ -25,10 +27,7 @@ Bytes contents(const fs::path& file) {
 class SqliteStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder_ =
-        fs::path(::testing::TempDir()) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::remove_all(folder_);
-    fs::create_directories(folder_);
+    folder_ = test::scratchFolder(::testing::UnitTest::GetInstance()->current_test_info()->name());
   }
 
   // A copy of a fixture store with its WAL files; tests never open the fixtures themselves.

@@ -74,9 +74,7 @@ std::set<std::string> layout(const fs::path& path) {
 
 TEST(StoreSchema, CreatesTheLayoutCoreDataCreated) {
   const auto& pairs = test::storesWithTheirModels();
-  const fs::path folder = fs::path(::testing::TempDir()) / "store-schema";
-  fs::remove_all(folder);
-  fs::create_directories(folder);
+  const fs::path folder = test::scratchFolder("store-schema");
   for (const auto& [fixture, modelPath] : pairs) {
     auto model = ManagedObjectModel::modelWithContentsOfFile(kFixtures / modelPath);
     ASSERT_TRUE(model) << model.error().debugDescription();
@@ -112,8 +110,7 @@ TEST(StoreSchema, RefusesToCreateOverAnExistingFile) {
   auto model =
       ManagedObjectModel::modelWithContentsOfFile(kFixtures / "coredata/many-to-many/Sample.xcdatamodeld");
   ASSERT_TRUE(model);
-  const fs::path path = fs::path(::testing::TempDir()) / "existing.sqlite";
-  fs::remove(path);
+  const fs::path path = test::scratchFolder("existing") / "existing.sqlite";
   { std::ofstream(path) << "precious"; }
   auto store = SqliteStore::create(path, *model, {});
   ASSERT_FALSE(store);

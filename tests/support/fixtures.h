@@ -2,7 +2,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -19,6 +21,28 @@ inline Bytes readFixture(const std::string& path) {
   std::ifstream in(std::string(TESSELUNE_FIXTURES_DIR) + "/" + path, std::ios::binary);
   EXPECT_TRUE(in) << "cannot read fixture " << path;
   return Bytes(std::istreambuf_iterator<char>(in), {});
+}
+
+// A new, empty folder for one test's files, removed when the test program ends. Its name carries
+// the process ID and a counter, so that tests running in parallel (CTest, or two checkouts on one
+// machine) never share one.
+inline std::filesystem::path scratchFolder(const std::string& name) {
+  struct Made {
+    std::vector<std::filesystem::path> folders;
+    ~Made() {
+      std::error_code ec;
+      for (const auto& folder : folders) std::filesystem::remove_all(folder, ec);
+    }
+  };
+  static Made made;
+  static int counter = 0;
+  const std::filesystem::path folder =
+      std::filesystem::path(::testing::TempDir()) /
+      ("tesselune-" + std::to_string(::getpid()) + "-" + std::to_string(++counter) + "-" + name);
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  made.folders.push_back(folder);
+  return folder;
 }
 
 // Stores Core Data wrote and the model each was made with, below the fixtures folder.
