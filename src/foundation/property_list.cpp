@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "foundation/plist_tree.h"
+#include "foundation/string_utilities.h"
 
 namespace tesselune {
 namespace plist {
@@ -292,40 +293,7 @@ Expected<Bytes> serialize(plist_t root, PropertyListFormat format) {
 }
 
 bool isWritableString(std::string_view text) {
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    if (c == 0) return false;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t n = 0;
-    std::uint32_t cp = 0;
-    if ((c & 0xE0) == 0xC0) {
-      n = 1;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      n = 2;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      n = 3;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + n >= text.size()) return false;
-    for (std::size_t k = 1; k <= n; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (next & 0x3F);
-    }
-    // Overlong forms, surrogates and values beyond Unicode.
-    static constexpr std::uint32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < kMinimum[n] || (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) return false;
-    i += n + 1;
-  }
-  return true;
+  return text.find('\0') == std::string_view::npos && isValidUtf8(text);
 }
 
 bool isType(plist_t node, plist_type type) {

@@ -15,38 +15,51 @@ constexpr char32_t kReplacement = 0xFFFD;
 
 }  // namespace
 
+std::optional<char32_t> decodeUtf8(std::string_view text, std::size_t& pos) {
+  const auto c = static_cast<unsigned char>(text[pos]);
+  std::size_t n = 0;
+  char32_t cp = c;
+  if (c >= 0xF0 && c <= 0xF4) {
+    n = 3;
+    cp = c & 0x07;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    n = 2;
+    cp = c & 0x0F;
+  } else if (c >= 0xC2 && c <= 0xDF) {
+    n = 1;
+    cp = c & 0x1F;
+  } else if (c >= 0x80) {
+    ++pos;
+    return std::nullopt;
+  }
+  bool ok = pos + n < text.size() || n == 0;
+  for (std::size_t k = 1; ok && k <= n; ++k) {
+    const auto next = static_cast<unsigned char>(text[pos + k]);
+    ok = (next & 0xC0) == 0x80;
+    cp = (cp << 6) | (next & 0x3F);
+  }
+  // Overlong forms, surrogates and values beyond Unicode are malformed too.
+  static constexpr char32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
+  if (!ok || cp < kMinimum[n] || (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) {
+    ++pos;
+    return std::nullopt;
+  }
+  pos += n + 1;
+  return cp;
+}
+
+bool isValidUtf8(std::string_view text) {
+  for (std::size_t pos = 0; pos < text.size();) {
+    if (!decodeUtf8(text, pos)) return false;
+  }
+  return true;
+}
+
 std::u16string utf8ToUtf16(std::string_view text) {
   std::u16string units;
   units.reserve(text.size());
-  for (std::size_t i = 0; i < text.size();) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    std::size_t n = 0;
-    char32_t cp = c;
-    if (c >= 0xF0 && c <= 0xF4) {
-      n = 3;
-      cp = c & 0x07;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      n = 2;
-      cp = c & 0x0F;
-    } else if (c >= 0xC2 && c <= 0xDF) {
-      n = 1;
-      cp = c & 0x1F;
-    } else if (c >= 0x80) {
-      cp = kReplacement;
-    }
-    bool ok = i + n < text.size() || n == 0;
-    for (std::size_t k = 1; ok && k <= n; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      ok = (next & 0xC0) == 0x80;
-      cp = (cp << 6) | (next & 0x3F);
-    }
-    static constexpr char32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
-    if (!ok || cp < kMinimum[n] || (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) {
-      units.push_back(static_cast<char16_t>(kReplacement));
-      ++i;
-      continue;
-    }
-    i += n + 1;
+  for (std::size_t pos = 0; pos < text.size();) {
+    char32_t cp = decodeUtf8(text, pos).value_or(kReplacement);
     if (cp >= 0x10000) {
       cp -= 0x10000;
       units.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));

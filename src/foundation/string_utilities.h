@@ -6,10 +6,16 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace tesselune {
+
+// The code point at `pos`, moving `pos` past it; nothing (and one byte on) for a malformed
+// sequence: a stray or missing continuation byte, an overlong form, a surrogate, beyond U+10FFFF.
+std::optional<char32_t> decodeUtf8(std::string_view text, std::size_t& pos);
+bool isValidUtf8(std::string_view text);
 
 // Conversions between UTF-8 and UTF-16 code units: malformed UTF-8 and lone surrogate halves become
 // U+FFFD.
