@@ -32,11 +32,6 @@ std::optional<std::uint64_t> readVarint(const Bytes& in, std::size_t& pos) {
   return std::nullopt;
 }
 
-Error malformed(std::string_view why) {
-  return Error(std::string(kCocoaErrorDomain), kCoderReadCorruptError,
-               fmt::format("The data couldn’t be read because it isn’t in the correct format. ({})", why));
-}
-
 }  // namespace
 
 bool AttributedString::isEqual(const Object& other) const {
@@ -88,7 +83,7 @@ Status AttributedString::initWithCoder(KeyedUnarchiver& coder) {
   Value attributes = coder.decodeObjectOfClasses(foundationClasses(), "NSAttributes");
   Value info = coder.decodeObjectOfClasses({"NSData"}, "NSAttributeInfo");
   if (coder.error()) return fail(*coder.error());
-  if (!text.isString()) return fail(malformed("attributed string without text"));
+  if (!text.isString()) return fail(corruptArchiveError("attributed string without text"));
   string_ = text.asString();
   runs_.clear();
   if (attributes.isDictionary() && info.isNull()) {
@@ -103,13 +98,13 @@ Status AttributedString::initWithCoder(KeyedUnarchiver& coder) {
   }
   if (attributes.isNull() && info.isNull()) return {};
   if (!attributes.isArray() || !info.isData())
-    return fail(malformed("attributed string with malformed runs"));
+    return fail(corruptArchiveError("attributed string with malformed runs"));
   const Bytes& bytes = info.asData();
   for (std::size_t pos = 0; pos < bytes.size();) {
     auto length = readVarint(bytes, pos);
     auto index = length ? readVarint(bytes, pos) : std::nullopt;
     if (!index || *index >= attributes.count() || !attributes.at(*index).isDictionary()) {
-      return fail(malformed("attributed string with malformed runs"));
+      return fail(corruptArchiveError("attributed string with malformed runs"));
     }
     runs_.push_back({static_cast<std::size_t>(*length), attributes.at(*index).asDictionary()});
   }

@@ -1,10 +1,17 @@
-// The process-wide class-name registry.
+// The process-wide class-name registry, and the error of undecodable archives.
 
 #include "foundation/coding.h"
+
+#include <fmt/format.h>
 
 #include <mutex>
 
 namespace tesselune {
+
+Error corruptArchiveError(std::string_view why) {
+  return Error(std::string(kCocoaErrorDomain), kCoderReadCorruptError,
+               fmt::format("The data couldn’t be read because it isn’t in the correct format. ({})", why));
+}
 
 ClassRegistry& ClassRegistry::shared() {
   static ClassRegistry registry;

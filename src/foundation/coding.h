@@ -37,6 +37,10 @@ class Coding {
   virtual std::vector<std::string> classChain() const { return {}; }
 };
 
+// The Error for an archive that cannot be decoded (Cocoa 4864), for the unarchiver and for classes
+// initWithCoder alike.
+Error corruptArchiveError(std::string_view why);
+
 // A class as the unarchiver knows it.
 struct CodingClass {
   // The "$classes" chain: the class's archived name first, then its superclasses, ending with

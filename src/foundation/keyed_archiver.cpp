@@ -21,14 +21,6 @@ namespace {
 // Deepest nesting of values and objects written; deeper trees fail rather than exhaust the stack.
 constexpr std::size_t kMaxEncodingDepth = 512;
 
-// Built by appending: GCC 12 warns falsely (-Wrestrict) about "$" + std::string.
-std::string escapedKey(std::string_view key) {
-  std::string escaped;
-  if (key.starts_with('$')) escaped.push_back('$');
-  escaped.append(key);
-  return escaped;
-}
-
 const std::vector<std::string>& chainFor(std::string_view name) {
   static const std::map<std::string, std::vector<std::string>, std::less<>> chains = {
       {"NSArray", {"NSArray", "NSObject"}},
@@ -272,7 +264,7 @@ Expected<Bytes> KeyedArchiver::archivedDataWithRootObject(const Value& root, boo
 
 void KeyedArchiver::encodeObject(const Value& value, std::string_view key) {
   const std::uint64_t uid = impl_->encode(value);
-  impl_->set(escapedKey(key), Impl::uid(uid));
+  impl_->set(plist::archiveKey(key), Impl::uid(uid));
 }
 
 void KeyedArchiver::encodeObject(const Value& value) {
@@ -282,19 +274,19 @@ void KeyedArchiver::encodeObject(const Value& value) {
 }
 
 void KeyedArchiver::encodeBool(bool value, std::string_view key) {
-  impl_->set(escapedKey(key), Value(value));
+  impl_->set(plist::archiveKey(key), Value(value));
 }
 
 void KeyedArchiver::encodeInt64(std::int64_t value, std::string_view key) {
-  impl_->set(escapedKey(key), Value(value));
+  impl_->set(plist::archiveKey(key), Value(value));
 }
 
 void KeyedArchiver::encodeDouble(double value, std::string_view key) {
-  impl_->set(escapedKey(key), Value(value));
+  impl_->set(plist::archiveKey(key), Value(value));
 }
 
 void KeyedArchiver::encodeBytes(std::span<const std::uint8_t> bytes, std::string_view key) {
-  impl_->set(escapedKey(key), Value(Bytes(bytes.begin(), bytes.end())));
+  impl_->set(plist::archiveKey(key), Value(Bytes(bytes.begin(), bytes.end())));
 }
 
 void KeyedArchiver::encodeEncodable(const Uuid& value, std::string_view key) {

@@ -73,19 +73,6 @@ const Chain kStringChain{"NSString", "NSObject"};
 const Chain kNumberChain{"NSNumber", "NSValue", "NSObject"};
 const Chain kDataChain{"NSData", "NSObject"};
 
-// Built by appending: GCC 12 warns falsely (-Wrestrict) about "$" + std::string.
-std::string escapedKey(std::string_view key) {
-  std::string escaped;
-  if (key.starts_with('$')) escaped.push_back('$');
-  escaped.append(key);
-  return escaped;
-}
-
-Error corrupt(std::string_view why) {
-  return Error(std::string(kCocoaErrorDomain), kCoderReadCorruptError,
-               fmt::format("The data couldn’t be read because it isn’t in the correct format. ({})", why));
-}
-
 }  // namespace
 
 const ClassSet& foundationClasses() {
@@ -136,31 +123,31 @@ struct KeyedUnarchiver::Impl {
   bool charge(std::uint64_t nodes) {
     spent += nodes;
     if (spent <= budget) return true;
-    fail(corrupt("shared collections expand too far"));
+    fail(corruptArchiveError("shared collections expand too far"));
     return false;
   }
 
   bool permitted(const Chain& chain) {
     if (!secure) return true;
     if (allowed.empty()) {
-      fail(corrupt(fmt::format("decoding '{}' needs the allowed classes", chain.front())));
+      fail(corruptArchiveError(fmt::format("decoding '{}' needs the allowed classes", chain.front())));
       return false;
     }
     for (const std::string& name : chain) {
       if (allowed.back()->contains(name)) return true;
     }
-    fail(corrupt(fmt::format("value of unexpected class '{}'; allowed classes are '{}'", chain.front(),
-                             fmt::join(*allowed.back(), ", "))));
+    fail(corruptArchiveError(fmt::format("value of unexpected class '{}'; allowed classes are '{}'",
+                                         chain.front(), fmt::join(*allowed.back(), ", "))));
     return false;
   }
 
   Value decodeKey(std::string_view key) {
     if (error) return {};
-    plist_t node = item(escapedKey(key));
+    plist_t node = item(plist::archiveKey(key));
     if (node == nullptr) return {};
     auto uid = plist::uidValue(node);
     if (!uid) {
-      fail(corrupt(fmt::format("the value for key '{}' is not an object reference", key)));
+      fail(corruptArchiveError(fmt::format("the value for key '{}' is not an object reference", key)));
       return {};
     }
     return decodeUid(*uid);
@@ -169,7 +156,7 @@ struct KeyedUnarchiver::Impl {
   Value decodeUid(std::uint64_t uid) {
     if (error || uid == 0) return {};
     if (uid >= count) {
-      fail(corrupt(fmt::format("reference {} is beyond the {} archived objects", uid, count)));
+      fail(corruptArchiveError(fmt::format("reference {} is beyond the {} archived objects", uid, count)));
       return {};
     }
     Slot& slot = slots[uid];
@@ -181,18 +168,19 @@ struct KeyedUnarchiver::Impl {
       // Only an object of a class that keeps such references weak can be referred to while it is
       // being decoded; a Value cannot contain itself, and a strong cycle would never be freed.
       if (!slot.value.isObject()) {
-        fail(corrupt("a collection contains itself"));
+        fail(corruptArchiveError("a collection contains itself"));
         return {};
       }
       if (!slot.allowsBackReferences) {
-        fail(corrupt(fmt::format("an object of class {} refers back to itself", slot.chain->front())));
+        fail(corruptArchiveError(
+            fmt::format("an object of class {} refers back to itself", slot.chain->front())));
         return {};
       }
       if (!permitted(*slot.chain) || !charge(1)) return {};
       return slot.value;
     }
     if (depth >= kMaxDecodingDepth) {
-      fail(corrupt("objects nested too deeply"));
+      fail(corruptArchiveError("objects nested too deeply"));
       return {};
     }
     ++depth;
@@ -244,7 +232,7 @@ struct KeyedUnarchiver::Impl {
         if (!plist::uidValue(node)) return decodeInstance(uid, node);
         [[fallthrough]];
       default:
-        return fail(corrupt(fmt::format("archived object {} is of no archivable type", uid)));
+        return fail(corruptArchiveError(fmt::format("archived object {} is of no archivable type", uid)));
     }
   }
 
@@ -253,12 +241,12 @@ struct KeyedUnarchiver::Impl {
   void decodeInstance(std::uint64_t uid, plist_t dict) {
     auto classUid = plist::uidValue(plist_dict_get_item(dict, "$class"));
     if (!classUid || *classUid == 0 || *classUid >= count) {
-      return fail(corrupt(fmt::format("archived object {} has no class", uid)));
+      return fail(corruptArchiveError(fmt::format("archived object {} has no class", uid)));
     }
     plist_t classNode = objects[*classUid];
     auto className = plist::stringValue(plist_dict_get_item(classNode, "$classname"));
     if (!plist::isType(classNode, PLIST_DICT) || !className) {
-      return fail(corrupt(fmt::format("archived object {} has a malformed class", uid)));
+      return fail(corruptArchiveError(fmt::format("archived object {} has a malformed class", uid)));
     }
     std::vector<std::string> names{std::string(*className)};
     if (plist_t classes = plist_dict_get_item(classNode, "$classes"); plist::isType(classes, PLIST_ARRAY)) {
@@ -275,7 +263,7 @@ struct KeyedUnarchiver::Impl {
         return decodeBuiltin(uid, dict, it->second.kind, std::move(chain));
       }
     }
-    fail(corrupt(fmt::format("cannot decode object of class ({})", names.front())));
+    fail(corruptArchiveError(fmt::format("cannot decode object of class ({})", names.front())));
   }
 
   std::optional<CodingClass> lookup(const std::string& name) const {
@@ -297,7 +285,8 @@ struct KeyedUnarchiver::Impl {
     if (!permitted(*chain) || !charge(1)) return;
     ObjectPtr object = cls.make ? cls.make() : nullptr;
     auto* coding = dynamic_cast<Coding*>(object.get());
-    if (coding == nullptr) return fail(corrupt(fmt::format("class {} cannot be decoded", chain->front())));
+    if (coding == nullptr)
+      return fail(corruptArchiveError(fmt::format("class {} cannot be decoded", chain->front())));
     Slot& slot = slots[uid];
     slot.state = Slot::kDecoding;
     slot.value = Value(object);
@@ -314,7 +303,7 @@ struct KeyedUnarchiver::Impl {
   std::optional<std::vector<std::uint64_t>> uidList(plist_t dict, const char* key) {
     plist_t array = plist_dict_get_item(dict, key);
     if (!plist::isType(array, PLIST_ARRAY)) {
-      fail(corrupt(fmt::format("'{}' is missing or not an array", key)));
+      fail(corruptArchiveError(fmt::format("'{}' is missing or not an array", key)));
       return std::nullopt;
     }
     std::vector<std::uint64_t> uids;
@@ -323,7 +312,7 @@ struct KeyedUnarchiver::Impl {
     for (plist_t item : items) {
       auto uid = plist::uidValue(item);
       if (!uid) {
-        fail(corrupt(fmt::format("'{}' holds something other than object references", key)));
+        fail(corruptArchiveError(fmt::format("'{}' holds something other than object references", key)));
         return std::nullopt;
       }
       uids.push_back(*uid);
@@ -358,7 +347,7 @@ struct KeyedUnarchiver::Impl {
       allowed.pop_back();
       if ((type == PLIST_STRING && v.isString()) || (type == PLIST_DATA && v.isData())) return v;
     }
-    if (!error) fail(corrupt(fmt::format("'{}' is missing or of the wrong type", key)));
+    if (!error) fail(corruptArchiveError(fmt::format("'{}' is missing or of the wrong type", key)));
     return std::nullopt;
   }
 
@@ -399,14 +388,14 @@ struct KeyedUnarchiver::Impl {
         auto valueUids = uidList(dict, "NS.objects");
         if (!valueUids) return;
         if (keyUids->size() != valueUids->size())
-          return fail(corrupt("dictionary keys and values differ in number"));
+          return fail(corruptArchiveError("dictionary keys and values differ in number"));
         auto keys = elements(*keyUids, weight);
         if (!keys) return;
         auto values = elements(*valueUids, weight);
         if (!values) return;
         Dictionary entries;
         for (std::size_t i = 0; i < keys->size(); ++i) {
-          if (!(*keys)[i].isString()) return fail(corrupt("a dictionary key is not a string"));
+          if (!(*keys)[i].isString()) return fail(corruptArchiveError("a dictionary key is not a string"));
           entries.insert_or_assign((*keys)[i].asString(), std::move((*values)[i]));
         }
         result = Value(std::move(entries));
@@ -434,10 +423,12 @@ struct KeyedUnarchiver::Impl {
         Value relative = decodeUid(plist::uidValue(plist_dict_get_item(dict, "NS.relative")).value_or(0));
         allowed.pop_back();
         if (error) return;
-        if (!relative.isString() || !(base.isNull() || base.isUrl())) return fail(corrupt("malformed NSURL"));
+        if (!relative.isString() || !(base.isNull() || base.isUrl()))
+          return fail(corruptArchiveError("malformed NSURL"));
         auto url =
             base.isUrl() ? Url::parse(relative.asString(), base.asUrl()) : Url::parse(relative.asString());
-        if (!url) return fail(corrupt(fmt::format("'{}' is not a valid URL", relative.asString())));
+        if (!url)
+          return fail(corruptArchiveError(fmt::format("'{}' is not a valid URL", relative.asString())));
         result = Value(std::move(*url));
         break;
       }
@@ -446,7 +437,7 @@ struct KeyedUnarchiver::Impl {
         std::uint64_t length = 0;
         const char* p = plist::isType(node, PLIST_DATA) ? plist_get_data_ptr(node, &length) : nullptr;
         auto uuid = p ? Uuid::fromBytes(reinterpret_cast<const std::uint8_t*>(p), length) : std::nullopt;
-        if (!uuid) return fail(corrupt("malformed NSUUID"));
+        if (!uuid) return fail(corruptArchiveError("malformed NSUUID"));
         result = Value(*uuid);
         break;
       }
@@ -458,7 +449,7 @@ struct KeyedUnarchiver::Impl {
         } else if (auto i = plist::unsignedValue(node)) {
           t = static_cast<double>(static_cast<std::int64_t>(*i));
         } else {
-          return fail(corrupt("malformed NSDate"));
+          return fail(corruptArchiveError("malformed NSDate"));
         }
         result = Value(Date{t});
         break;
@@ -477,7 +468,7 @@ struct KeyedUnarchiver::Impl {
       if (node == nullptr) break;
       auto uid = plist::uidValue(node);
       if (!uid) {
-        fail(corrupt("an ordered set member is not an object reference"));
+        fail(corruptArchiveError("an ordered set member is not an object reference"));
         return std::nullopt;
       }
       uids.push_back(*uid);
@@ -488,12 +479,12 @@ struct KeyedUnarchiver::Impl {
   // The scalar under a key: nothing when absent, a recorded error when not one of `types`.
   plist_t scalar(std::string_view key, std::initializer_list<plist_type> types) {
     if (error) return nullptr;
-    plist_t node = item(escapedKey(key));
+    plist_t node = item(plist::archiveKey(key));
     if (node == nullptr) return nullptr;
     for (plist_type t : types) {
       if (plist_get_node_type(node) == t) return node;
     }
-    fail(corrupt(fmt::format("the value for key '{}' has the wrong type", key)));
+    fail(corruptArchiveError(fmt::format("the value for key '{}' has the wrong type", key)));
     return nullptr;
   }
 };
@@ -511,18 +502,21 @@ Expected<std::unique_ptr<KeyedUnarchiver>> KeyedUnarchiver::create(std::span<con
     return fail(
         Error(std::string(kCocoaErrorDomain), kCoderReadCorruptError, tree.error().localizedDescription()));
   plist_t root = tree->get();
-  if (!plist::isType(root, PLIST_DICT)) return fail(corrupt("the archive is not a dictionary"));
+  if (!plist::isType(root, PLIST_DICT)) return fail(corruptArchiveError("the archive is not a dictionary"));
   auto archiver = plist::stringValue(plist_dict_get_item(root, "$archiver"));
-  if (!archiver) return fail(corrupt("the archive names no archiver"));
-  if (*archiver != "NSKeyedArchiver") return fail(corrupt(fmt::format("unknown archiver '{}'", *archiver)));
+  if (!archiver) return fail(corruptArchiveError("the archive names no archiver"));
+  if (*archiver != "NSKeyedArchiver")
+    return fail(corruptArchiveError(fmt::format("unknown archiver '{}'", *archiver)));
   auto version = plist::unsignedValue(plist_dict_get_item(root, "$version"));
-  if (!version) return fail(corrupt("the archive has no version"));
-  if (*version != 100000) return fail(corrupt(fmt::format("unsupported archive version {}", *version)));
+  if (!version) return fail(corruptArchiveError("the archive has no version"));
+  if (*version != 100000)
+    return fail(corruptArchiveError(fmt::format("unsupported archive version {}", *version)));
   plist_t top = plist_dict_get_item(root, "$top");
-  if (!plist::isType(top, PLIST_DICT)) return fail(corrupt("the archive has no top-level objects"));
+  if (!plist::isType(top, PLIST_DICT))
+    return fail(corruptArchiveError("the archive has no top-level objects"));
   plist_t objects = plist_dict_get_item(root, "$objects");
   if (!plist::isType(objects, PLIST_ARRAY) || plist_array_get_size(objects) == 0)
-    return fail(corrupt("the archive has no object table"));
+    return fail(corruptArchiveError("the archive has no object table"));
 
   auto impl = std::make_unique<Impl>();
   impl->objects = plist::arrayItems(objects);
@@ -573,7 +567,7 @@ bool KeyedUnarchiver::requiresSecureCoding() const {
 }
 
 bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
-  return impl_->item(escapedKey(key)) != nullptr;
+  return impl_->item(plist::archiveKey(key)) != nullptr;
 }
 
 Value KeyedUnarchiver::decodeObjectForKey(std::string_view key) {
@@ -594,7 +588,7 @@ Value KeyedUnarchiver::decodeObject() {
   if (node == nullptr) return {};
   auto uid = plist::uidValue(node);
   if (!uid) {
-    impl_->fail(corrupt(fmt::format("the value for key '{}' is not an object reference", key)));
+    impl_->fail(corruptArchiveError(fmt::format("the value for key '{}' is not an object reference", key)));
     return {};
   }
   return impl_->decodeUid(*uid);
@@ -617,7 +611,8 @@ std::int64_t KeyedUnarchiver::decodeInt64ForKey(std::string_view key) {
   double d = 0;
   plist_get_real_val(node, &d);
   if (!(d >= -9223372036854775808.0 && d < 9223372036854775808.0)) {
-    failWithError(corrupt(fmt::format("the value for key '{}' is too large for a 64-bit integer", key)));
+    failWithError(
+        corruptArchiveError(fmt::format("the value for key '{}' is too large for a 64-bit integer", key)));
     return 0;
   }
   return static_cast<std::int64_t>(d);
@@ -626,7 +621,8 @@ std::int64_t KeyedUnarchiver::decodeInt64ForKey(std::string_view key) {
 std::int32_t KeyedUnarchiver::decodeInt32ForKey(std::string_view key) {
   const std::int64_t v = decodeInt64ForKey(key);
   if (v < std::numeric_limits<std::int32_t>::min() || v > std::numeric_limits<std::int32_t>::max()) {
-    failWithError(corrupt(fmt::format("the value for key '{}' is too large for a 32-bit integer", key)));
+    failWithError(
+        corruptArchiveError(fmt::format("the value for key '{}' is too large for a 32-bit integer", key)));
     return 0;
   }
   return static_cast<std::int32_t>(v);
@@ -657,7 +653,8 @@ std::optional<Uuid> KeyedUnarchiver::decodeDecodableUuid(std::string_view key) {
   if (v.isString()) {
     if (auto uuid = Uuid::parse(v.asString())) return uuid;
   }
-  if (!v.isNull()) failWithError(corrupt(fmt::format("the value for key '{}' is not a UUID", key)));
+  if (!v.isNull())
+    failWithError(corruptArchiveError(fmt::format("the value for key '{}' is not a UUID", key)));
   return std::nullopt;
 }
 
@@ -680,7 +677,7 @@ std::optional<Url> KeyedUnarchiver::decodeDecodableUrl(std::string_view key) {
   Value v = decodeObjectOfClasses(classes, key);
   if (v.isNull()) return std::nullopt;
   auto url = urlFromContainer(v, 0);
-  if (!url) failWithError(corrupt(fmt::format("the value for key '{}' is not a URL", key)));
+  if (!url) failWithError(corruptArchiveError(fmt::format("the value for key '{}' is not a URL", key)));
   return url;
 }
 
@@ -696,7 +693,7 @@ std::optional<std::vector<std::string>> KeyedUnarchiver::decodeDecodableStrings(
     }
     if (strings.size() == v.asArray().size()) return strings;
   }
-  failWithError(corrupt(fmt::format("the value for key '{}' is not an array of strings", key)));
+  failWithError(corruptArchiveError(fmt::format("the value for key '{}' is not an array of strings", key)));
   return std::nullopt;
 }
 
@@ -718,7 +715,8 @@ std::optional<std::vector<std::vector<double>>> KeyedUnarchiver::decodeDecodable
     rows.push_back(std::move(numbers));
   }
   if (ok) return rows;
-  failWithError(corrupt(fmt::format("the value for key '{}' is not an array of arrays of numbers", key)));
+  failWithError(
+      corruptArchiveError(fmt::format("the value for key '{}' is not an array of arrays of numbers", key)));
   return std::nullopt;
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -71,6 +72,15 @@ class ScalarIndex {
   std::unordered_map<std::uint64_t, std::uint64_t> numbers_[kKinds];
   std::unordered_map<std::string_view, std::uint64_t> texts_[2];
 };
+
+// A key of a keyed archive as stored: a key of the caller's that starts with "$" gets a second "$",
+// so that it cannot be taken for one of the archive's own ("$class").
+inline std::string archiveKey(std::string_view key) {
+  std::string stored;
+  if (key.starts_with('$')) stored.push_back('$');
+  stored.append(key);
+  return stored;
+}
 
 // The Errors for unreadable input and for values that cannot be written.
 Error corruptError(std::string_view why);
