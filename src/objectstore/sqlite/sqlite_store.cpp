@@ -14,6 +14,14 @@ namespace tesselune {
 
 namespace {
 
+Status checkFileExists(const std::filesystem::path& path) {
+  std::error_code ec;
+  if (std::filesystem::is_regular_file(path, ec)) return {};
+  return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
+                    fmt::format("The file “{}” couldn’t be opened because there is no such file. ({})",
+                                path.filename().string(), path.string())));
+}
+
 Error notAStore(const std::filesystem::path& path, std::string_view why) {
   return Error(std::string(kCocoaErrorDomain), kFileReadCorruptFileError,
                fmt::format("The file “{}” couldn’t be opened because it isn’t a store: {}.",
@@ -25,12 +33,7 @@ Error notAStore(const std::filesystem::path& path, std::string_view why) {
 Expected<std::unique_ptr<SqliteStore>> SqliteStore::open(const std::filesystem::path& path,
                                                          std::shared_ptr<const ManagedObjectModel> model,
                                                          Options options) {
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(path, ec)) {
-    return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
-                      fmt::format("The file “{}” couldn’t be opened because there is no such file. ({})",
-                                  path.filename().string(), path.string())));
-  }
+  if (auto s = checkFileExists(path); !s) return fail(s.error());
   auto database = Database::open(
       path, options.readOnly ? Database::Mode::ReadOnly : Database::Mode::ReadWrite, options.busyTimeout);
   if (!database) return fail(database.error());
@@ -135,12 +138,7 @@ Expected<std::unique_ptr<SqliteStore>> SqliteStore::create(const std::filesystem
 }
 
 Expected<Dictionary> SqliteStore::metadataForPersistentStoreAtPath(const std::filesystem::path& path) {
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(path, ec)) {
-    return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
-                      fmt::format("The file “{}” couldn’t be opened because there is no such file. ({})",
-                                  path.filename().string(), path.string())));
-  }
+  if (auto s = checkFileExists(path); !s) return fail(s.error());
   auto database = Database::open(path, Database::Mode::ReadOnly);
   if (!database) return fail(database.error());
   SqliteStore reader;
