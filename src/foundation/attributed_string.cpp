@@ -54,8 +54,7 @@ std::string AttributedString::description() const {
 }
 
 std::vector<std::string> AttributedString::classChain() const {
-  if (mutable_) return {"NSMutableAttributedString", "NSAttributedString", "NSObject"};
-  return {"NSAttributedString", "NSObject"};
+  return foundationClassChain(className());
 }
 
 void AttributedString::encodeWithCoder(KeyedArchiver& coder) const {

@@ -4,13 +4,43 @@
 
 #include <fmt/format.h>
 
+#include <map>
 #include <mutex>
+#include <stdexcept>
 
 namespace tesselune {
 
 Error corruptArchiveError(std::string_view why) {
   return Error(std::string(kCocoaErrorDomain), kCoderReadCorruptError,
                fmt::format("The data couldn’t be read because it isn’t in the correct format. ({})", why));
+}
+
+const std::vector<std::string>& foundationClassChain(std::string_view className) {
+  static const std::map<std::string, std::vector<std::string>, std::less<>> chains = {
+      {"NSArray", {"NSArray", "NSObject"}},
+      {"NSMutableArray", {"NSMutableArray", "NSArray", "NSObject"}},
+      {"NSOrderedSet", {"NSOrderedSet", "NSObject"}},
+      {"NSMutableOrderedSet", {"NSMutableOrderedSet", "NSOrderedSet", "NSObject"}},
+      {"NSSet", {"NSSet", "NSObject"}},
+      {"NSMutableSet", {"NSMutableSet", "NSSet", "NSObject"}},
+      {"NSDictionary", {"NSDictionary", "NSObject"}},
+      {"NSMutableDictionary", {"NSMutableDictionary", "NSDictionary", "NSObject"}},
+      {"NSString", {"NSString", "NSObject"}},
+      {"NSMutableString", {"NSMutableString", "NSString", "NSObject"}},
+      {"NSData", {"NSData", "NSObject"}},
+      {"NSMutableData", {"NSMutableData", "NSData", "NSObject"}},
+      {"NSNumber", {"NSNumber", "NSValue", "NSObject"}},
+      {"NSURL", {"NSURL", "NSObject"}},
+      {"NSUUID", {"NSUUID", "NSObject"}},
+      {"NSDate", {"NSDate", "NSObject"}},
+      {"NSNull", {"NSNull", "NSObject"}},
+      {"NSAttributedString", {"NSAttributedString", "NSObject"}},
+      {"NSMutableAttributedString", {"NSMutableAttributedString", "NSAttributedString", "NSObject"}},
+  };
+  auto it = chains.find(className);
+  if (it == chains.end())
+    throw std::logic_error("not a Foundation class of archives: " + std::string(className));
+  return it->second;
 }
 
 ClassRegistry& ClassRegistry::shared() {

@@ -41,6 +41,11 @@ class Coding {
 // initWithCoder alike.
 Error corruptArchiveError(std::string_view why);
 
+// The "$classes" chain macOS writes for one of the Foundation classes that archives carry
+// ("NSMutableArray" → NSMutableArray, NSArray, NSObject). Asking for another name is a programming
+// error (std::logic_error).
+const std::vector<std::string>& foundationClassChain(std::string_view className);
+
 // A class as the unarchiver knows it.
 struct CodingClass {
   // The "$classes" chain: the class's archived name first, then its superclasses, ending with

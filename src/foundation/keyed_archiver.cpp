@@ -21,24 +21,6 @@ namespace {
 // Deepest nesting of values and objects written; deeper trees fail rather than exhaust the stack.
 constexpr std::size_t kMaxEncodingDepth = 512;
 
-const std::vector<std::string>& chainFor(std::string_view name) {
-  static const std::map<std::string, std::vector<std::string>, std::less<>> chains = {
-      {"NSArray", {"NSArray", "NSObject"}},
-      {"NSMutableArray", {"NSMutableArray", "NSArray", "NSObject"}},
-      {"NSSet", {"NSSet", "NSObject"}},
-      {"NSMutableSet", {"NSMutableSet", "NSSet", "NSObject"}},
-      {"NSDictionary", {"NSDictionary", "NSObject"}},
-      {"NSMutableDictionary", {"NSMutableDictionary", "NSDictionary", "NSObject"}},
-      {"NSMutableString", {"NSMutableString", "NSString", "NSObject"}},
-      {"NSMutableData", {"NSMutableData", "NSData", "NSObject"}},
-      {"NSURL", {"NSURL", "NSObject"}},
-      {"NSUUID", {"NSUUID", "NSObject"}},
-      {"NSDate", {"NSDate", "NSObject"}},
-      {"NSNull", {"NSNull", "NSObject"}},
-  };
-  return chains.find(name)->second;
-}
-
 Error encodingError(std::string_view why) {
   return Error(std::string(kCocoaErrorDomain), kCoderInvalidValueError,
                fmt::format("The data couldn’t be written because it isn’t in the correct format. ({})", why));
@@ -130,7 +112,7 @@ struct KeyedArchiver::Impl {
   std::uint64_t uidOfElement(const Value& value) {
     // Collections cannot hold nil; macOS stores NSNull's single instance instead.
     if (!value.isNull()) return encode(value);
-    if (nullObjectUid == 0) nullObjectUid = object(chainFor("NSNull"), [] {});
+    if (nullObjectUid == 0) nullObjectUid = object(foundationClassChain("NSNull"), [] {});
     return nullObjectUid;
   }
 
@@ -170,33 +152,34 @@ struct KeyedArchiver::Impl {
           return 0;
         }
         if (value.isMutable())
-          return object(chainFor("NSMutableString"), [&] { set("NS.string", Value(s)); });
+          return object(foundationClassChain("NSMutableString"), [&] { set("NS.string", Value(s)); });
         return scalar(plist::ScalarIndex::kString, std::string_view(s), value);
       }
       case Value::Type::Data: {
         const Bytes& d = value.asData();
-        if (value.isMutable()) return object(chainFor("NSMutableData"), [&] { set("NS.data", Value(d)); });
+        if (value.isMutable())
+          return object(foundationClassChain("NSMutableData"), [&] { set("NS.data", Value(d)); });
         return scalar(plist::ScalarIndex::kData,
                       std::string_view(reinterpret_cast<const char*>(d.data()), d.size()), value);
       }
       case Value::Type::Date:
-        return object(chainFor("NSDate"),
+        return object(foundationClassChain("NSDate"),
                       [&] { set("NS.time", Value(value.asDate().secondsSinceReferenceDate)); });
       case Value::Type::Uuid:
-        return object(chainFor("NSUUID"), [&] {
+        return object(foundationClassChain("NSUUID"), [&] {
           const auto& bytes = value.asUuid().bytes();
           set("NS.uuidbytes", Value(Bytes(bytes.begin(), bytes.end())));
         });
       case Value::Type::Url:
         return encodeUrl(value.asUrl());
       case Value::Type::Array:
-        return object(chainFor(value.isMutable() ? "NSMutableArray" : "NSArray"),
+        return object(foundationClassChain(value.isMutable() ? "NSMutableArray" : "NSArray"),
                       [&] { set("NS.objects", uidArray(value.asArray())); });
       case Value::Type::Set:
-        return object(chainFor(value.isMutable() ? "NSMutableSet" : "NSSet"),
+        return object(foundationClassChain(value.isMutable() ? "NSMutableSet" : "NSSet"),
                       [&] { set("NS.objects", uidArray(value.asSet().values())); });
       case Value::Type::Dictionary:
-        return object(chainFor(value.isMutable() ? "NSMutableDictionary" : "NSDictionary"), [&] {
+        return object(foundationClassChain(value.isMutable() ? "NSMutableDictionary" : "NSDictionary"), [&] {
           // All keys first, then all values, as NSDictionary's encodeWithCoder: does.
           Array keys;
           Array values;
@@ -216,7 +199,7 @@ struct KeyedArchiver::Impl {
   }
 
   std::uint64_t encodeUrl(const Url& url) {
-    return object(chainFor("NSURL"), [&] {
+    return object(foundationClassChain("NSURL"), [&] {
       const std::uint64_t base = url.baseUrl() ? encodeUrl(*url.baseUrl()) : 0;
       set("NS.base", uid(base));
       set("NS.relative", uid(encode(Value(url.relativeString()))));

@@ -42,36 +42,28 @@ enum class Kind {
   Null,
 };
 
-struct Builtin {
-  Kind kind;
-  Chain chain;
-};
-
-const std::map<std::string, Builtin, std::less<>>& builtins() {
-  static const std::map<std::string, Builtin, std::less<>> table = {
-      {"NSArray", {Kind::Array, {"NSArray", "NSObject"}}},
-      {"NSMutableArray", {Kind::MutableArray, {"NSMutableArray", "NSArray", "NSObject"}}},
-      {"NSOrderedSet", {Kind::OrderedSet, {"NSOrderedSet", "NSObject"}}},
-      {"NSMutableOrderedSet", {Kind::MutableOrderedSet, {"NSMutableOrderedSet", "NSOrderedSet", "NSObject"}}},
-      {"NSSet", {Kind::Set, {"NSSet", "NSObject"}}},
-      {"NSMutableSet", {Kind::MutableSet, {"NSMutableSet", "NSSet", "NSObject"}}},
-      {"NSDictionary", {Kind::Dictionary, {"NSDictionary", "NSObject"}}},
-      {"NSMutableDictionary", {Kind::MutableDictionary, {"NSMutableDictionary", "NSDictionary", "NSObject"}}},
-      {"NSString", {Kind::String, {"NSString", "NSObject"}}},
-      {"NSMutableString", {Kind::MutableString, {"NSMutableString", "NSString", "NSObject"}}},
-      {"NSData", {Kind::Data, {"NSData", "NSObject"}}},
-      {"NSMutableData", {Kind::MutableData, {"NSMutableData", "NSData", "NSObject"}}},
-      {"NSURL", {Kind::Url, {"NSURL", "NSObject"}}},
-      {"NSUUID", {Kind::Uuid, {"NSUUID", "NSObject"}}},
-      {"NSDate", {Kind::Date, {"NSDate", "NSObject"}}},
-      {"NSNull", {Kind::Null, {"NSNull", "NSObject"}}},
+// The Foundation classes decoded into Values, by archived name; their chains are foundationClassChain's.
+const std::map<std::string, Kind, std::less<>>& builtins() {
+  static const std::map<std::string, Kind, std::less<>> table = {
+      {"NSArray", Kind::Array},
+      {"NSMutableArray", Kind::MutableArray},
+      {"NSOrderedSet", Kind::OrderedSet},
+      {"NSMutableOrderedSet", Kind::MutableOrderedSet},
+      {"NSSet", Kind::Set},
+      {"NSMutableSet", Kind::MutableSet},
+      {"NSDictionary", Kind::Dictionary},
+      {"NSMutableDictionary", Kind::MutableDictionary},
+      {"NSString", Kind::String},
+      {"NSMutableString", Kind::MutableString},
+      {"NSData", Kind::Data},
+      {"NSMutableData", Kind::MutableData},
+      {"NSURL", Kind::Url},
+      {"NSUUID", Kind::Uuid},
+      {"NSDate", Kind::Date},
+      {"NSNull", Kind::Null},
   };
   return table;
 }
-
-const Chain kStringChain{"NSString", "NSObject"};
-const Chain kNumberChain{"NSNumber", "NSValue", "NSObject"};
-const Chain kDataChain{"NSData", "NSObject"};
 
 }  // namespace
 
@@ -199,9 +191,9 @@ struct KeyedUnarchiver::Impl {
   }
 
   void decodeNew(std::uint64_t uid) {
-    static const auto stringChain = std::make_shared<const Chain>(kStringChain);
-    static const auto numberChain = std::make_shared<const Chain>(kNumberChain);
-    static const auto dataChain = std::make_shared<const Chain>(kDataChain);
+    static const auto stringChain = std::make_shared<const Chain>(foundationClassChain("NSString"));
+    static const auto numberChain = std::make_shared<const Chain>(foundationClassChain("NSNumber"));
+    static const auto dataChain = std::make_shared<const Chain>(foundationClassChain("NSData"));
     plist_t node = objects[uid];
     switch (node ? plist_get_node_type(node) : PLIST_NONE) {
       case PLIST_STRING:
@@ -257,10 +249,10 @@ struct KeyedUnarchiver::Impl {
     for (const std::string& name : names) {
       if (auto cls = lookup(name)) return decodeCoded(uid, dict, *cls);
       if (auto it = builtins().find(name); it != builtins().end()) {
-        auto chain = std::make_shared<const Chain>(it->second.chain);
+        auto chain = std::make_shared<const Chain>(foundationClassChain(name));
         if (!permitted(*chain)) return;
         slots[uid].state = Slot::kDecoding;
-        return decodeBuiltin(uid, dict, it->second.kind, std::move(chain));
+        return decodeBuiltin(uid, dict, it->second, std::move(chain));
       }
     }
     fail(corruptArchiveError(fmt::format("cannot decode object of class ({})", names.front())));
@@ -271,8 +263,7 @@ struct KeyedUnarchiver::Impl {
     if (auto cls = ClassRegistry::shared().classNamed(name)) return cls;
     if (name == "NSAttributedString" || name == "NSMutableAttributedString") {
       const bool isMutable = name == "NSMutableAttributedString";
-      return CodingClass{isMutable ? Chain{name, "NSAttributedString", "NSObject"} : Chain{name, "NSObject"},
-                         [isMutable] {
+      return CodingClass{foundationClassChain(name), [isMutable] {
                            return std::make_shared<AttributedString>(
                                std::string(), std::vector<AttributedString::Run>(), isMutable);
                          }};
