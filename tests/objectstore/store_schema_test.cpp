@@ -121,5 +121,61 @@ TEST(StoreSchema, RefusesToCreateOverAnExistingFile) {
   EXPECT_EQ(text, "precious");
 }
 
+// Where each kind of relationship keeps its keys, checked on a real store and on a model with
+// inheritance, ordered and inverse-less relationships.
+TEST(StoreSchema, MapsEveryKindOfPropertyToItsColumns) {
+  using Kind = PropertyMapping::Kind;
+  auto expectMapping = [](const ManagedObjectModel& model, const StoreSchema& schema, std::string_view entity,
+                          std::string_view property, const PropertyMapping& expected) {
+    const EntityDescription* e = model.entityNamed(entity);
+    ASSERT_NE(e, nullptr) << entity;
+    auto found = e->propertiesByName().find(property);
+    ASSERT_NE(found, e->propertiesByName().end()) << entity << "." << property;
+    const PropertyMapping* m = schema.mapping(*found->second);
+    ASSERT_NE(m, nullptr) << entity << "." << property;
+    EXPECT_EQ(m->kind, expected.kind) << entity << "." << property;
+    EXPECT_EQ(m->table, expected.table) << entity << "." << property;
+    EXPECT_EQ(m->column, expected.column) << entity << "." << property;
+    EXPECT_EQ(m->entityColumn, expected.entityColumn) << entity << "." << property;
+    EXPECT_EQ(m->orderColumn, expected.orderColumn) << entity << "." << property;
+    EXPECT_EQ(m->otherColumn, expected.otherColumn) << entity << "." << property;
+  };
+
+  // The many-to-many fixture store: both sides of the join table Core Data made.
+  const fs::path folder = test::scratchFolder("mapping");
+  fs::copy_file(kFixtures / "coredata/many-to-many/TestModel.sqlite", folder / "TestModel.sqlite");
+  auto books = ManagedObjectModel::modelWithContentsOfFile(
+      kFixtures / "coredata/many-to-many/Sample.xcdatamodeld/TestModel.xcdatamodel");
+  ASSERT_TRUE(books);
+  auto store = SqliteStore::open(folder / "TestModel.sqlite", *books, {.readOnly = true});
+  ASSERT_TRUE(store) << store.error().debugDescription();
+  const StoreSchema& stored = (*store)->schema();
+  expectMapping(**books, stored, "Author", "books",
+                {Kind::ManyToMany, "Z_1BOOKS", "Z_1AUTHORS", "", "", "Z_2BOOKS"});
+  expectMapping(**books, stored, "Book", "authors",
+                {Kind::ManyToMany, "Z_1BOOKS", "Z_2BOOKS", "", "", "Z_1AUTHORS"});
+  expectMapping(**books, stored, "Book", "title", {Kind::Attribute, "ZBOOK", "ZTITLE", "", "", ""});
+
+  // Inheritance: a to-one to a hierarchy, an ordered to-many and its inverse, a to-many without
+  // inverse, and inherited properties mapped once.
+  auto humans = ManagedObjectModel::modelWithContentsOfFile(kFixtures /
+                                                            "models/inheritance-and-types/test.xcdatamodel");
+  ASSERT_TRUE(humans);
+  const EntityNumbers numbers = StoreSchema::numberEntities(**humans);
+  const StoreSchema schema = StoreSchema::forModel(**humans, numbers);
+  const std::int64_t parent = numbers.at((*humans)->entityNamed("Parent"));
+  expectMapping(**humans, schema, "Child", "parent",
+                {Kind::ToOne, "ZHUMAN", "ZPARENT", "", "Z_FOK_PARENT", ""});
+  expectMapping(**humans, schema, "Parent", "orderedChildren",
+                {Kind::ToManyThroughInverse, "ZHUMAN", "ZPARENT", "", "Z_FOK_PARENT", ""});
+  expectMapping(
+      **humans, schema, "Parent", "children",
+      {Kind::ToManyWithoutInverse, "ZHUMAN", "Z" + std::to_string(parent) + "CHILDREN", "", "", ""});
+  expectMapping(**humans, schema, "Parent", "meaninglessRelationship",
+                {Kind::ToOne, "ZHUMAN", "ZMEANINGLESSRELATIONSHIP", "", "", ""});
+  expectMapping(**humans, schema, "Uncle", "meaninglessRelationship",
+                {Kind::ToOne, "ZHUMAN", "ZMEANINGLESSRELATIONSHIP", "", "", ""});
+}
+
 }  // namespace
 }  // namespace tesselune

@@ -92,7 +92,11 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
   StoreSchema schema;
   // Columns that other entities' relationships put into a table: hidden keys of to-many
   // relationships without inverse, and order columns of ordered to-many relationships.
-  std::map<const EntityDescription*, std::vector<ColumnSchema>> foreignColumns;
+  struct ForeignColumn {
+    ColumnSchema column;
+    const RelationshipDescription* relationship;  // the to-many that owns the column
+  };
+  std::map<const EntityDescription*, std::vector<ForeignColumn>> foreignColumns;
   for (const auto& entity : model.entities()) {
     for (const auto& property : entity->ownProperties()) {
       if (!property->isRelationship() || property->isTransient()) continue;
@@ -101,9 +105,9 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
       const EntityDescription* root = r.destinationEntity()->rootEntity();
       if (r.inverseRelationship() == nullptr) {
         foreignColumns[root].push_back(
-            {fmt::format("Z{}{}", numbers.at(entity.get()), upper(r.name())), "INTEGER"});
+            {{fmt::format("Z{}{}", numbers.at(entity.get()), upper(r.name())), "INTEGER"}, &r});
       } else if (r.isOrdered() && !r.inverseRelationship()->isToMany()) {
-        foreignColumns[root].push_back({"Z_FOK_" + upper(r.inverseRelationshipName()), "INTEGER"});
+        foreignColumns[root].push_back({{"Z_FOK_" + upper(r.inverseRelationshipName()), "INTEGER"}, &r});
       }
     }
   }
@@ -151,6 +155,7 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
         for (const AttributeDescription* a : attributes) {
           const std::string column = add(columnName(a->name()), columnType(a->attributeType()).second);
           columnOf[a] = column;
+          schema.mappings_[a] = {PropertyMapping::Kind::Attribute, table.name, column, {}, {}, {}};
           if (a->isIndexed()) {
             attributeIndexes.push_back(
                 {fmt::format("{}_{}_INDEX", table.name, column), table.name, {column}});
@@ -160,16 +165,26 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
           const std::string column = add(columnName(r->name()), "INTEGER");
           columnOf[r] = column;
           keyIndexes.push_back({fmt::format("{}_{}_INDEX", table.name, column), table.name, {column}});
+          PropertyMapping& mapping = schema.mappings_[r];
+          mapping = {PropertyMapping::Kind::ToOne, table.name, column, {}, {}, {}};
           if (r->destinationEntity() != nullptr && !r->destinationEntity()->subentities().empty()) {
-            add(fmt::format("Z{}_{}", numbers.at(member), upper(r->name())), "INTEGER");
+            mapping.entityColumn =
+                add(fmt::format("Z{}_{}", numbers.at(member), upper(r->name())), "INTEGER");
           }
         }
       }
       if (group == kIntegers) {
         for (const EntityDescription* member : members) {
-          for (const ColumnSchema& column : foreignColumns[member]) {
-            const std::string name = add(column.name, column.type);
+          for (const ForeignColumn& foreign : foreignColumns[member]) {
+            const std::string name = add(foreign.column.name, foreign.column.type);
             keyIndexes.push_back({fmt::format("{}_{}_INDEX", table.name, name), table.name, {name}});
+            const RelationshipDescription& r = *foreign.relationship;
+            if (r.inverseRelationship() == nullptr) {
+              schema.mappings_[&r] = {
+                  PropertyMapping::Kind::ToManyWithoutInverse, table.name, name, {}, {}, {}};
+            } else {
+              schema.mappings_[r.inverseRelationship()].orderColumn = name;
+            }
           }
         }
       }
@@ -205,7 +220,8 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
     }
     schema.indexes_.insert(schema.indexes_.end(), compound.begin(), compound.end());
 
-    // Join tables of many-to-many pairs, named after the member with the lower entity number.
+    // Join tables of many-to-many pairs, named after the member with the lower entity number (by
+    // name within one entity).
     for (const EntityDescription* member : members) {
       for (const auto& property : member->ownProperties()) {
         if (!property->isRelationship() || property->isTransient()) continue;
@@ -214,7 +230,7 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
         const RelationshipDescription& inverse = *r.inverseRelationship();
         const std::int64_t own = numbers.at(member);
         const std::int64_t other = numbers.at(inverse.entity());
-        if (other < own) continue;
+        if (other < own || (other == own && inverse.name() < r.name())) continue;
         const std::string name = fmt::format("Z_{}{}", own, upper(r.name()));
         if (!joinTables.insert(name).second) continue;
         const bool reflexive = &inverse == &r;
@@ -224,10 +240,34 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
         TableSchema join{name, {{first, "INTEGER"}, {second, "INTEGER"}}, {first, second}, {}};
         schema.tables_.push_back(std::move(join));
         schema.indexes_.push_back({fmt::format("{}_{}_INDEX", name, second), name, {second, first}});
+        schema.mappings_[&r] = {PropertyMapping::Kind::ManyToMany, name, first, {}, {}, second};
+        if (!reflexive) {
+          schema.mappings_[&inverse] = {PropertyMapping::Kind::ManyToMany, name, second, {}, {}, first};
+        }
       }
     }
   }
+
+  // A to-many with a to-one inverse lives in the inverse's columns.
+  for (const auto& entity : model.entities()) {
+    for (const auto& property : entity->ownProperties()) {
+      if (!property->isRelationship() || property->isTransient()) continue;
+      const auto& r = static_cast<const RelationshipDescription&>(*property);
+      if (!r.isToMany() || r.inverseRelationship() == nullptr || r.inverseRelationship()->isToMany())
+        continue;
+      auto inverse = schema.mappings_.find(r.inverseRelationship());
+      if (inverse == schema.mappings_.end()) continue;
+      PropertyMapping mapping = inverse->second;
+      mapping.kind = PropertyMapping::Kind::ToManyThroughInverse;
+      schema.mappings_[&r] = std::move(mapping);
+    }
+  }
   return schema;
+}
+
+const PropertyMapping* StoreSchema::mapping(const PropertyDescription& property) const {
+  auto found = mappings_.find(&property);
+  return found == mappings_.end() ? nullptr : &found->second;
 }
 
 }  // namespace tesselune

@@ -38,6 +38,25 @@ struct IndexSchema {
 
 using EntityNumbers = std::map<const EntityDescription*, std::int64_t>;
 
+// Where one property's values live in the store.
+struct PropertyMapping {
+  enum class Kind {
+    Attribute,             // `column` of the entity's table
+    ToOne,                 // key `column` of the entity's table
+    ToManyThroughInverse,  // the inverse to-one's key `column` in the destination's table
+    ToManyWithoutInverse,  // a hidden key `column` in the destination's table
+    ManyToMany,            // join `table`: `column` holds this side's Z_PK, `otherColumn` the other's
+  };
+  Kind kind = Kind::Attribute;
+  std::string table;
+  std::string column;
+  // The destination's Z_ENT beside a key column, when the destination entity has sub-entities.
+  std::string entityColumn;
+  // The order (Z_FOK_) beside the key column of an ordered to-many's inverse.
+  std::string orderColumn;
+  std::string otherColumn;
+};
+
 class StoreSchema {
  public:
   // The numbers Core Data gives the entities of a new store: roots by name, each followed by its
@@ -47,10 +66,13 @@ class StoreSchema {
 
   const std::vector<TableSchema>& tables() const { return tables_; }
   const std::vector<IndexSchema>& indexes() const { return indexes_; }
+  // Where a stored property lives; nothing for transient properties.
+  const PropertyMapping* mapping(const PropertyDescription& property) const;
 
  private:
   std::vector<TableSchema> tables_;
   std::vector<IndexSchema> indexes_;
+  std::map<const PropertyDescription*, PropertyMapping> mappings_;
 };
 
 // "Z" + the name in upper case: the column of an attribute or to-one relationship, the table of a

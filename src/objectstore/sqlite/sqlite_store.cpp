@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <set>
 
 #include "foundation/property_list.h"
 #include "objectstore/sqlite/schema.h"
@@ -196,6 +197,31 @@ Status SqliteStore::readEntityNumbers() {
   for (const auto& entity : model_->entities()) {
     if (!numbers_.contains(entity.get())) {
       return fail(notAStore(path(), fmt::format("it has no entity number for {}", entity->name())));
+    }
+  }
+  schema_ = StoreSchema::forModel(*model_, numbers_);
+  return checkColumns();
+}
+
+Status SqliteStore::checkColumns() {
+  // The layout is computed from the model and the store's entity numbers; a store whose tables
+  // differ (written by something else, or damaged) is refused rather than written wrongly. Reads
+  // only the schema, never the rows.
+  for (const TableSchema& table : schema_.tables()) {
+    auto statement = database_->prepare(fmt::format("PRAGMA table_info({})", table.name));
+    if (!statement) return fail(statement.error());
+    std::set<std::string, std::less<>> present;
+    for (;;) {
+      auto row = statement->step();
+      if (!row) return fail(row.error());
+      if (!*row) break;
+      present.insert(statement->text(1));
+    }
+    if (present.empty()) return fail(notAStore(path(), fmt::format("it has no table {}", table.name)));
+    for (const ColumnSchema& column : table.columns) {
+      if (!present.contains(column.name)) {
+        return fail(notAStore(path(), fmt::format("its table {} has no column {}", table.name, column.name)));
+      }
     }
   }
   return {};

@@ -19,6 +19,7 @@
 #include "objectstore/description/managed_object_model.h"
 #include "objectstore/managed_object_id.h"
 #include "objectstore/sqlite/database.h"
+#include "objectstore/sqlite/schema.h"
 
 namespace tesselune {
 
@@ -71,6 +72,8 @@ class SqliteStore {
   [[nodiscard]] Expected<std::int64_t> allocatePrimaryKeys(const EntityDescription& entity,
                                                            std::int64_t count);
 
+  // Where every entity's rows and every property's values are, for this store's entity numbers.
+  const StoreSchema& schema() const { return schema_; }
   Database& database() { return *database_; }
 
  private:
@@ -78,13 +81,15 @@ class SqliteStore {
   [[nodiscard]] Status readMetadata();
   [[nodiscard]] Status readEntityNumbers();
   [[nodiscard]] Status checkModel() const;
+  [[nodiscard]] Status checkColumns();
 
   std::unique_ptr<Database> database_;
   std::shared_ptr<const ManagedObjectModel> model_;
   Options options_;
   Uuid identifier_;
   Dictionary metadata_;
-  std::map<const EntityDescription*, std::int64_t> numbers_;
+  EntityNumbers numbers_;
+  StoreSchema schema_;
   std::map<std::int64_t, const EntityDescription*> entitiesByNumber_;
 };
 
