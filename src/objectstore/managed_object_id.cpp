@@ -39,4 +39,22 @@ std::size_t ManagedObjectID::hash() const {
   return h ^ (std::hash<std::int64_t>()(primaryKey_) * 31) ^ std::hash<Uuid>()(store_);
 }
 
+bool ManagedObjectIDObject::isEqual(const Object& other) const {
+  const auto* id = dynamic_cast<const ManagedObjectIDObject*>(&other);
+  return id != nullptr && id->id_ == id_;
+}
+
+std::string ManagedObjectIDObject::description() const {
+  return id_.URIRepresentation().absoluteString();
+}
+
+Value valueWithObjectID(const ManagedObjectID& id) {
+  return Value(std::make_shared<ManagedObjectIDObject>(id));
+}
+
+std::optional<ManagedObjectID> objectIDOfValue(const Value& value) {
+  if (auto object = value.asObjectOf<ObjectWithID>()) return object->objectID();
+  return std::nullopt;
+}
+
 }  // namespace tesselune

@@ -12,6 +12,7 @@
 
 #include "foundation/url.h"
 #include "foundation/uuid.h"
+#include "foundation/value.h"
 #include "objectstore/description/entity_description.h"
 
 namespace tesselune {
@@ -46,6 +47,31 @@ class ManagedObjectID {
   std::int64_t primaryKey_ = 0;
   std::string temporaryName_;
 };
+
+// An object that stands for one stored object inside Values: an object ID (NSManagedObjectID is an
+// object) or a managed object. Predicates compare to-one relationships and SELF with either.
+class ObjectWithID : public Object {
+ public:
+  virtual ManagedObjectID objectID() const = 0;
+};
+
+// An object ID as a Value, as fetches of IDs answer them and predicates take them as arguments.
+class ManagedObjectIDObject final : public ObjectWithID {
+ public:
+  explicit ManagedObjectIDObject(ManagedObjectID id) : id_(std::move(id)) {}
+  ManagedObjectID objectID() const override { return id_; }
+  std::string className() const override { return "NSManagedObjectID"; }
+  bool isEqual(const Object& other) const override;
+  std::size_t hash() const override { return id_.hash(); }
+  std::string description() const override;
+
+ private:
+  ManagedObjectID id_;
+};
+
+Value valueWithObjectID(const ManagedObjectID& id);
+// The ID a Value stands for: an object ID or a managed object; nothing for anything else.
+std::optional<ManagedObjectID> objectIDOfValue(const Value& value);
 
 }  // namespace tesselune
 
