@@ -73,6 +73,8 @@ enum CocoaErrorCode : std::int64_t {
   kPersistentStoreIncompatibleSchemaError = 134020,
   kPersistentStoreOpenError = 134080,
   kPersistentStoreIncompatibleVersionHashError = 134100,
+  kMigrationError = 134110,
+  kMigrationMissingSourceModelError = 134130,
   kMigrationMissingMappingModelError = 134140,
   kManagedObjectMergeError = 133020,
 };

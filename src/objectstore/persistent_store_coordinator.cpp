@@ -7,12 +7,16 @@
 #include <cstdlib>
 #include <thread>
 
+#include "objectstore/sqlite/migration.h"
+
 namespace tesselune {
 
 // --- PersistentStoreCoordinator ---
 
-PersistentStoreCoordinator::PersistentStoreCoordinator(std::shared_ptr<const ManagedObjectModel> model)
-    : model_(std::move(model)) {}
+PersistentStoreCoordinator::PersistentStoreCoordinator(
+    std::shared_ptr<const ManagedObjectModel> model,
+    std::vector<std::shared_ptr<const ManagedObjectModel>> earlierVersions)
+    : model_(std::move(model)), earlierVersions_(std::move(earlierVersions)) {}
 
 PersistentStoreCoordinator::~PersistentStoreCoordinator() {
   // Asynchronous adds finish before the stores they add to go away.
@@ -37,12 +41,38 @@ Expected<SqliteStore*> PersistentStoreCoordinator::addPersistentStore(
   }
   SqliteStore::Options options{.readOnly = description.readOnly};
   std::error_code ec;
-  auto store = std::filesystem::exists(path, ec) || description.readOnly
-                   ? SqliteStore::open(path, model_, options)
-                   : SqliteStore::create(path, model_, options);
+  const bool exists = std::filesystem::exists(path, ec);
+  auto store = exists || description.readOnly ? SqliteStore::open(path, model_, options)
+                                              : SqliteStore::create(path, model_, options);
+  if (!store && exists && !description.readOnly &&
+      store.error().code() == kPersistentStoreIncompatibleVersionHashError &&
+      description.shouldMigrateStoreAutomatically) {
+    if (auto s = migrate(path, description); !s) return fail(s.error());
+    store = SqliteStore::open(path, model_, options);
+  }
   if (!store) return fail(store.error());
   stores_.push_back(std::move(*store));
   return stores_.back().get();
+}
+
+Status PersistentStoreCoordinator::migrate(const std::filesystem::path& path,
+                                           const PersistentStoreDescription& description) {
+  auto metadata = SqliteStore::metadataForPersistentStoreAtPath(path);
+  if (!metadata) return fail(metadata.error());
+  std::shared_ptr<const ManagedObjectModel> source;
+  for (const auto& candidate : earlierVersions_) {
+    if (candidate->isCompatibleWithStoreMetadata(*metadata)) source = candidate;
+  }
+  if (!source) {
+    return fail(Error(std::string(kCocoaErrorDomain), kMigrationMissingSourceModelError,
+                      fmt::format("Can’t find model for source store “{}”.", path.filename().string())));
+  }
+  if (!description.shouldInferMappingModelAutomatically) {
+    return fail(
+        Error(std::string(kCocoaErrorDomain), kMigrationMissingMappingModelError,
+              fmt::format("Can’t find mapping model for migration of “{}”.", path.filename().string())));
+  }
+  return migrateStore(path, std::move(source), model_);
 }
 
 void PersistentStoreCoordinator::addPersistentStoreWithDescription(
@@ -87,10 +117,12 @@ std::optional<ManagedObjectID> PersistentStoreCoordinator::managedObjectIDForURI
 
 // --- PersistentContainer ---
 
-PersistentContainer::PersistentContainer(std::string name, std::shared_ptr<const ManagedObjectModel> model)
+PersistentContainer::PersistentContainer(
+    std::string name, std::shared_ptr<const ManagedObjectModel> model,
+    std::vector<std::shared_ptr<const ManagedObjectModel>> earlierVersions)
     : name_(std::move(name)),
       model_(std::move(model)),
-      coordinator_(std::make_unique<PersistentStoreCoordinator>(model_)) {}
+      coordinator_(std::make_unique<PersistentStoreCoordinator>(model_, std::move(earlierVersions))) {}
 
 Expected<std::unique_ptr<PersistentContainer>> PersistentContainer::persistentContainerWithName(
     const std::string& name, const std::vector<std::filesystem::path>& resourceFolders) {
@@ -101,7 +133,14 @@ Expected<std::unique_ptr<PersistentContainer>> PersistentContainer::persistentCo
       if (!std::filesystem::exists(candidate, ec)) continue;
       auto model = ManagedObjectModel::modelWithContentsOfFile(candidate);
       if (!model) return fail(model.error());
-      return std::make_unique<PersistentContainer>(name, std::move(*model));
+      // The bundle's other versions are what its stores may have been made with.
+      std::vector<std::shared_ptr<const ManagedObjectModel>> versions;
+      if (std::string_view(extension) == ".xcdatamodeld") {
+        auto all = ManagedObjectModel::modelVersionsInBundle(candidate);
+        if (!all) return fail(all.error());
+        for (auto& [version, versionModel] : *all) versions.push_back(std::move(versionModel));
+      }
+      return std::make_unique<PersistentContainer>(name, std::move(*model), std::move(versions));
     }
   }
   return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,

@@ -46,14 +46,20 @@ class PersistentStoreCoordinator {
   using CompletionHandler =
       std::function<void(const PersistentStoreDescription&, const std::optional<Error>&)>;
 
-  explicit PersistentStoreCoordinator(std::shared_ptr<const ManagedObjectModel> model);
+  // `earlierVersions` are the models a store may have been made with (the other versions of the
+  // model's bundle): a store of one of them is migrated when its description allows it.
+  explicit PersistentStoreCoordinator(
+      std::shared_ptr<const ManagedObjectModel> model,
+      std::vector<std::shared_ptr<const ManagedObjectModel>> earlierVersions = {});
   ~PersistentStoreCoordinator();
 
   const std::shared_ptr<const ManagedObjectModel>& managedObjectModel() const { return model_; }
 
   // Opens the described store, creating the file (and its folder's missing file only, not folders)
-  // when it does not exist and the store is not read-only, and calls the handler with the
-  // description and the failure, if any. Synchronous adds call the handler before returning;
+  // when it does not exist and the store is not read-only; a store made with an earlier version of
+  // the model is migrated first when the description allows automatic migration with an inferred
+  // mapping (134130 when no version fits the store, 134140 when no mapping can be inferred). Calls the
+  // handler with the description and the failure, if any. Synchronous adds call the handler before returning;
   // asynchronous ones call it on a thread of their own.
   void addPersistentStoreWithDescription(const PersistentStoreDescription& description,
                                          CompletionHandler handler);
@@ -71,7 +77,11 @@ class PersistentStoreCoordinator {
   std::recursive_mutex& mutex() const { return mutex_; }
 
  private:
+  [[nodiscard]] Status migrate(const std::filesystem::path& path,
+                               const PersistentStoreDescription& description);
+
   std::shared_ptr<const ManagedObjectModel> model_;
+  std::vector<std::shared_ptr<const ManagedObjectModel>> earlierVersions_;
   mutable std::recursive_mutex mutex_;
   std::vector<std::unique_ptr<SqliteStore>> stores_;
   std::vector<std::jthread> adders_;  // asynchronous adds still running or done
@@ -79,7 +89,8 @@ class PersistentStoreCoordinator {
 
 class PersistentContainer {
  public:
-  PersistentContainer(std::string name, std::shared_ptr<const ManagedObjectModel> model);
+  PersistentContainer(std::string name, std::shared_ptr<const ManagedObjectModel> model,
+                      std::vector<std::shared_ptr<const ManagedObjectModel>> earlierVersions = {});
   virtual ~PersistentContainer() = default;
 
   // persistentContainerWithName: the model named `name` (name.xcdatamodeld or name.xcdatamodel)
