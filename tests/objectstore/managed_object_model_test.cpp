@@ -28,10 +28,7 @@ std::shared_ptr<const ManagedObjectModel> load(const fs::path& path) {
 // even read-only, rewrites its shared-memory file.
 std::map<std::string, Value> recordedHashes(const fs::path& store) {
   const fs::path folder = test::scratchFolder("recorded-hashes");
-  for (const char* suffix : {"", "-wal", "-shm"}) {
-    const fs::path from = store.string() + suffix;
-    if (fs::exists(from)) fs::copy_file(from, folder / (store.filename().string() + suffix));
-  }
+  test::copyFixtureStore(fs::relative(store, TESSELUNE_FIXTURES_DIR).string(), folder);
   sqlite3* db = nullptr;
   std::map<std::string, Value> hashes;
   if (sqlite3_open_v2((folder / store.filename()).c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {

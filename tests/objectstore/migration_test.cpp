@@ -20,15 +20,6 @@ namespace fs = std::filesystem;
 const fs::path kFixtures = TESSELUNE_FIXTURES_DIR;
 const fs::path kBooks = kFixtures / "coredata/many-to-many/Sample.xcdatamodeld";
 
-fs::path copyStore(const std::string& fixture, const fs::path& folder) {
-  const fs::path copy = folder / fs::path(fixture).filename();
-  for (const char* suffix : {"", "-wal", "-shm"}) {
-    if (fs::exists(kFixtures / (fixture + suffix)))
-      fs::copy_file(kFixtures / (fixture + suffix), copy.string() + suffix);
-  }
-  return copy;
-}
-
 // Runs SQL on the file directly and answers the first column of the first row (or "" for none).
 std::string sql(const fs::path& path, const std::string& statement) {
   sqlite3* db = nullptr;
@@ -67,7 +58,7 @@ std::string fileBytes(const fs::path& path) {
 
 TEST(Migration, AddsAnEntityToTheManyToManyStoreKeepingItsObjects) {
   const fs::path folder = test::scratchFolder("migrate-books");
-  const fs::path path = copyStore("coredata/many-to-many/TestModel.sqlite", folder);
+  const fs::path path = test::copyFixtureStore("coredata/many-to-many/TestModel.sqlite", folder);
   // Two authors sharing a book, written in the old layout.
   exec(
       path,
@@ -116,7 +107,7 @@ TEST(Migration, CarriesMoodyStoresThroughEveryLaterVersion) {
   const fs::path bundle = kFixtures / "coredata/moody/Moody.xcdatamodeld";
   const std::vector<std::string> versions = {"Moody", "Moody 2", "Moody 3", "Moody 4", "Moody 5", "Moody 6"};
   const fs::path folder = test::scratchFolder("migrate-moody");
-  const fs::path path = copyStore("coredata/moody/stores/Moody 2.moody", folder);
+  const fs::path path = test::copyFixtureStore("coredata/moody/stores/Moody 2.moody", folder);
   const std::string moods = sql(path, "SELECT COUNT(*) FROM ZMOOD");
   const std::string linked = sql(path, "SELECT COUNT(*) FROM ZMOOD WHERE ZCOUNTRY IS NOT NULL");
   const std::string uuid = sql(path, "SELECT Z_UUID FROM Z_METADATA");
@@ -139,7 +130,7 @@ TEST(Migration, CarriesMoodyStoresThroughEveryLaterVersion) {
 
 TEST(Migration, RefusesWhatCannotBeInferredAndLeavesTheStoreAsItWas) {
   const fs::path folder = test::scratchFolder("migrate-refused");
-  const fs::path path = copyStore("coredata/many-to-many/TestModel.sqlite", folder);
+  const fs::path path = test::copyFixtureStore("coredata/many-to-many/TestModel.sqlite", folder);
   exec(path, "INSERT INTO ZAUTHOR (Z_PK, Z_ENT, Z_OPT, ZFIRSTNAME) VALUES (1, 1, 1, 'Ada')");
   const auto source = version(kBooks, "TestModel");
   auto changed = [](std::string_view attributes) {
@@ -184,7 +175,7 @@ TEST(Migration, CoordinatorMigratesOnlyWhenItMayAndKnowsTheSourceModel) {
   auto add = [&](std::vector<std::shared_ptr<const ManagedObjectModel>> earlier, bool migrate, bool infer) {
     const fs::path path = folder / ("store-" + std::to_string(migrate) + std::to_string(infer) +
                                     std::to_string(earlier.size()) + ".sqlite");
-    fs::copy_file(kFixtures / "coredata/many-to-many/TestModel.sqlite", path);
+    fs::copy_file(test::copyFixtureStore("coredata/many-to-many/TestModel.sqlite", folder), path);
     PersistentStoreCoordinator coordinator(current, std::move(earlier));
     auto description =
         PersistentStoreDescription::persistentStoreDescriptionWithURL(Url::fileUrl(path.string(), false));

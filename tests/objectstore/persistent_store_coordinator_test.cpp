@@ -65,10 +65,7 @@ TEST(PersistentContainer, CreatesItsStoreInItsDirectoryAndResolvesUris) {
 
 TEST(PersistentStoreCoordinator, ReportsFailuresToTheHandlerAlsoWhenAsynchronous) {
   const fs::path folder = test::scratchFolder("coordinator");
-  for (const char* suffix : {"", "-wal", "-shm"}) {
-    fs::copy_file(kMoody / "stores" / (std::string("Moody.moody") + suffix),
-                  folder / (std::string("Moody.moody") + suffix));
-  }
+  test::copyFixtureStore("coredata/moody/stores/Moody.moody", folder);
   auto v1 = ManagedObjectModel::modelWithContentsOfFile(kMoody / "Moody.xcdatamodeld/Moody.xcdatamodel");
   auto v6 = ManagedObjectModel::modelWithContentsOfFile(kMoody / "Moody.xcdatamodeld");
   ASSERT_TRUE(v1 && v6);

@@ -32,12 +32,8 @@ class SqliteStoreTest : public ::testing::Test {
 
   // A copy of a fixture store with its WAL files; tests never open the fixtures themselves.
   fs::path copyStore(const std::string& name) {
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-      const fs::path from = kMoody / "stores" / (name + suffix);
-      fs::remove(folder_ / (name + suffix));
-      if (fs::exists(from)) fs::copy_file(from, folder_ / (name + suffix));
-    }
-    return folder_ / name;
+    for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(folder_ / (name + suffix));
+    return test::copyFixtureStore("coredata/moody/stores/" + name, folder_);
   }
 
   static std::shared_ptr<const ManagedObjectModel> model(const std::string& version) {

@@ -84,11 +84,9 @@ TEST(StoreSchema, CreatesTheLayoutCoreDataCreated) {
     store->reset();  // closed, so that the layout is read from the file
 
     // Copies, since opening a WAL store rewrites its shared-memory file.
-    const fs::path copy = folder / ("apple-" + fs::path(fixture).filename().string());
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-      if (fs::exists(kFixtures / (fixture + suffix)))
-        fs::copy_file(kFixtures / (fixture + suffix), copy.string() + suffix);
-    }
+    const fs::path apple = folder / "apple";
+    fs::create_directories(apple);
+    const fs::path copy = test::copyFixtureStore(fixture, apple);
     const std::set<std::string> ours = layout(created);
     const std::set<std::string> theirs = layout(copy);
     ASSERT_GE(theirs.size(), 10u) << fixture << " has too little layout to compare";
@@ -143,7 +141,7 @@ TEST(StoreSchema, MapsEveryKindOfPropertyToItsColumns) {
 
   // The many-to-many fixture store: both sides of the join table Core Data made.
   const fs::path folder = test::scratchFolder("mapping");
-  fs::copy_file(kFixtures / "coredata/many-to-many/TestModel.sqlite", folder / "TestModel.sqlite");
+  test::copyFixtureStore("coredata/many-to-many/TestModel.sqlite", folder);
   auto books = ManagedObjectModel::modelWithContentsOfFile(
       kFixtures / "coredata/many-to-many/Sample.xcdatamodeld/TestModel.xcdatamodel");
   ASSERT_TRUE(books);

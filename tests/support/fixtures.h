@@ -45,6 +45,21 @@ inline std::filesystem::path scratchFolder(const std::string& name) {
   return folder;
 }
 
+// A writable copy of a fixture store in `folder`, with whichever of its -wal and -shm siblings exist:
+// opening a store, even read-only, may rewrite them, and the fixtures must stay as Apple wrote them.
+inline std::filesystem::path copyFixtureStore(const std::string& store, const std::filesystem::path& folder) {
+  namespace fs = std::filesystem;
+  const fs::path from = fs::path(TESSELUNE_FIXTURES_DIR) / store;
+  const fs::path to = folder / from.filename();
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    const fs::path file = from.string() + suffix;
+    if (!fs::exists(file)) continue;
+    fs::copy_file(file, to.string() + suffix, fs::copy_options::overwrite_existing);
+    fs::permissions(to.string() + suffix, fs::perms::owner_read | fs::perms::owner_write);
+  }
+  return to;
+}
+
 // Stores Core Data wrote and the model each was made with, below the fixtures folder.
 inline const std::vector<std::pair<std::string, std::string>>& storesWithTheirModels() {
   static const std::vector<std::pair<std::string, std::string>> pairs = {
