@@ -65,4 +65,20 @@ std::optional<CodingClass> ClassRegistry::classNamed(std::string_view className)
   return it->second;
 }
 
+void ClassRegistry::setValueTransformer(std::string_view name,
+                                        std::shared_ptr<const ValueTransformer> transformer) {
+  std::unique_lock lock(mutex_);
+  if (transformer) {
+    transformers_.insert_or_assign(std::string(name), std::move(transformer));
+  } else {
+    transformers_.erase(std::string(name));
+  }
+}
+
+std::shared_ptr<const ValueTransformer> ClassRegistry::valueTransformerNamed(std::string_view name) const {
+  std::shared_lock lock(mutex_);
+  auto it = transformers_.find(std::string(name));
+  return it == transformers_.end() ? nullptr : it->second;
+}
+
 }  // namespace tesselune

@@ -71,6 +71,8 @@ CodingClass codingClass(std::vector<std::string> classes, bool allowsBackReferen
 
 // The process-wide mapping from archived class names to classes. Thread-safe; the program fills it
 // at start, before any archive is read.
+class ValueTransformer;
+
 class ClassRegistry {
  public:
   static ClassRegistry& shared();
@@ -79,9 +81,14 @@ class ClassRegistry {
   void removeClass(std::string_view className);
   std::optional<CodingClass> classNamed(std::string_view className) const;
 
+  // Named value transformers (setValueTransformer:forName:) are classes by name too, and live here.
+  void setValueTransformer(std::string_view name, std::shared_ptr<const ValueTransformer> transformer);
+  std::shared_ptr<const ValueTransformer> valueTransformerNamed(std::string_view name) const;
+
  private:
   mutable std::shared_mutex mutex_;
   std::unordered_map<std::string, CodingClass> classes_;
+  std::unordered_map<std::string, std::shared_ptr<const ValueTransformer>> transformers_;
 };
 
 }  // namespace tesselune
