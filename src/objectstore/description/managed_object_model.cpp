@@ -1,4 +1,4 @@
-// ManagedObjectModel: loading Xcode's model XML into descriptions, and the lookups on them.
+// ManagedObjectModel: reading Xcode's model XML into descriptions, and the lookups on them.
 
 #include "objectstore/description/managed_object_model.h"
 
@@ -12,278 +12,197 @@
 #include <sstream>
 
 #include "foundation/property_list.h"
+#include "objectstore/description/model_builder.h"
 
 namespace tesselune {
 
-// Builds a model from the XML; the one place that writes into descriptions.
-class ModelBuilder {
- public:
-  explicit ModelBuilder(std::string source) : source_(std::move(source)) {}
+namespace {
 
-  Expected<std::shared_ptr<const ManagedObjectModel>> build(std::string_view xml) {
-    pugi::xml_document document;
-    const pugi::xml_parse_result parsed = document.load_buffer(xml.data(), xml.size());
-    if (!parsed) {
-      return fail(
-          error(fmt::format("the XML is malformed at byte {}: {}", parsed.offset, parsed.description())));
-    }
-    const pugi::xml_node root = document.child("model");
-    if (!root) return fail(error("there is no <model> element"));
+bool yes(pugi::xml_node node, const char* attribute) {
+  return std::string_view(node.attribute(attribute).as_string()) == "YES";
+}
 
-    auto model = std::make_shared<ManagedObjectModel>();
-    if (const char* identifier = root.attribute("userDefinedModelVersionIdentifier").as_string(nullptr)) {
-      model->versionIdentifiers_.emplace_back(identifier);
+Dictionary xmlUserInfo(pugi::xml_node node) {
+  Dictionary info;
+  for (pugi::xml_node entry : node.child("userInfo").children("entry")) {
+    info.insert_or_assign(entry.attribute("key").as_string(), Value(entry.attribute("value").as_string()));
+  }
+  return info;
+}
+
+std::optional<AttributeType> attributeType(std::string_view name) {
+  static const std::map<std::string_view, AttributeType> types = {
+      {"Undefined", AttributeType::Undefined},
+      {"Integer 16", AttributeType::Integer16},
+      {"Integer 32", AttributeType::Integer32},
+      {"Integer 64", AttributeType::Integer64},
+      {"Decimal", AttributeType::Decimal},
+      {"Double", AttributeType::Double},
+      {"Float", AttributeType::Float},
+      {"String", AttributeType::String},
+      {"Boolean", AttributeType::Boolean},
+      {"Date", AttributeType::Date},
+      {"Binary", AttributeType::BinaryData},
+      {"UUID", AttributeType::Uuid},
+      {"URI", AttributeType::Uri},
+      {"Transformable", AttributeType::Transformable},
+      {"ObjectID", AttributeType::ObjectId},
+  };
+  auto it = types.find(name);
+  if (it == types.end()) return std::nullopt;
+  return it->second;
+}
+
+}  // namespace
+
+Expected<std::shared_ptr<const ManagedObjectModel>> ModelBuilder::buildFromXml(std::string_view xml) {
+  pugi::xml_document document;
+  const pugi::xml_parse_result parsed = document.load_buffer(xml.data(), xml.size());
+  if (!parsed) {
+    return fail(
+        error(fmt::format("the XML is malformed at byte {}: {}", parsed.offset, parsed.description())));
+  }
+  const pugi::xml_node root = document.child("model");
+  if (!root) return fail(error("there is no <model> element"));
+
+  auto model = std::make_shared<ManagedObjectModel>();
+  if (const char* identifier = root.attribute("userDefinedModelVersionIdentifier").as_string(nullptr)) {
+    model->versionIdentifiers_.emplace_back(identifier);
+  }
+  for (pugi::xml_node node : root.children("entity")) {
+    auto entity = readXmlEntity(node);
+    if (!entity) return fail(entity.error());
+    if (auto s = addEntity(*model, std::move(*entity)); !s) return fail(s.error());
+  }
+  if (auto s = link(*model); !s) return fail(s.error());
+  return std::shared_ptr<const ManagedObjectModel>(std::move(model));
+}
+
+// The default value of an attribute, converted to its type.
+Expected<Value> ModelBuilder::xmlDefaultValue(pugi::xml_node node, AttributeType type,
+                                              std::string_view where) const {
+  if (type == AttributeType::Date) {
+    const pugi::xml_attribute interval = node.attribute("defaultDateTimeInterval");
+    return interval ? Value(Date{interval.as_double()}) : Value();
+  }
+  const pugi::xml_attribute attribute = node.attribute("defaultValueString");
+  if (!attribute) return Value();
+  const std::string_view text = attribute.as_string();
+  auto bad = [&] {
+    return fail(error(fmt::format("{} has the default \"{}\", not of its type", where, text)));
+  };
+  switch (type) {
+    case AttributeType::Integer16:
+    case AttributeType::Integer32:
+    case AttributeType::Integer64: {
+      std::int64_t v = 0;
+      auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+      if (ec != std::errc() || end != text.data() + text.size()) return bad();
+      return Value(v);
     }
-    for (pugi::xml_node node : root.children("entity")) {
-      auto entity = readEntity(node);
-      if (!entity) return fail(entity.error());
-      if (model->entitiesByName_.contains((*entity)->name_)) {
-        return fail(error(fmt::format("<entity name=\"{}\"> appears twice", (*entity)->name_)));
+    case AttributeType::Decimal:
+    case AttributeType::Double:
+    case AttributeType::Float: {
+      std::istringstream in{std::string(text)};
+      double d = 0;
+      if (!(in >> d)) return bad();
+      return Value(d);
+    }
+    case AttributeType::Boolean:
+      if (text == "YES" || text == "1") return Value(true);
+      if (text == "NO" || text == "0") return Value(false);
+      return bad();
+    case AttributeType::String:
+      return Value(std::string(text));
+    default:
+      return Value();
+  }
+}
+
+Expected<std::unique_ptr<EntityDescription>> ModelBuilder::readXmlEntity(pugi::xml_node node) {
+  auto entity = std::make_unique<EntityDescription>();
+  entity->name_ = node.attribute("name").as_string();
+  if (entity->name_.empty()) return fail(error("an <entity> has no name"));
+  const std::string where = entityWhere(entity->name_);
+  entity->className_ = node.attribute("representedClassName").as_string(entity->name_.c_str());
+  entity->abstract_ = yes(node, "isAbstract");
+  entity->superentityName_ = node.attribute("parentEntity").as_string();
+  entity->versionHashModifier_ = node.attribute("versionHashModifier").as_string();
+  entity->userInfo_ = xmlUserInfo(node);
+  for (pugi::xml_node constraint : node.child("uniquenessConstraints").children("uniquenessConstraint")) {
+    std::vector<std::string> names;
+    for (pugi::xml_node part : constraint.children("constraint"))
+      names.emplace_back(part.attribute("value").as_string());
+    entity->uniquenessConstraints_.push_back(std::move(names));
+  }
+  for (pugi::xml_node index : node.child("compoundIndexes").children("compoundIndex")) {
+    std::vector<std::string> names;
+    for (pugi::xml_node part : index.children("index"))
+      names.emplace_back(part.attribute("value").as_string());
+    entity->compoundIndexes_.push_back(std::move(names));
+  }
+
+  std::set<std::string, std::less<>> seen;
+  for (pugi::xml_node child : node.children()) {
+    const std::string_view tag = child.name();
+    if (tag != "attribute" && tag != "relationship") continue;
+    const std::string name = child.attribute("name").as_string();
+    if (name.empty()) return fail(error(fmt::format("{} has an <{}> without a name", where, tag)));
+    if (!seen.insert(name).second) return fail(error(fmt::format("{} declares \"{}\" twice", where, name)));
+    const std::string place = propertyWhere(entity->name_, tag == "relationship", name);
+
+    std::unique_ptr<PropertyDescription> property;
+    if (tag == "attribute") {
+      auto attribute = std::make_unique<AttributeDescription>();
+      const std::string_view typeName = child.attribute("attributeType").as_string();
+      auto type = attributeType(typeName);
+      if (!type) return fail(error(fmt::format("{} has the unknown type \"{}\"", place, typeName)));
+      attribute->type_ = *type;
+      auto defaultValue = xmlDefaultValue(child, *type, place);
+      if (!defaultValue) return fail(defaultValue.error());
+      attribute->defaultValue_ = std::move(*defaultValue);
+      attribute->valueClassName_ = child.attribute("customClassName")
+                                       .as_string(child.attribute("attributeValueClassName").as_string());
+      attribute->transformerName_ = child.attribute("valueTransformerName").as_string();
+      attribute->externalStorage_ = yes(child, "allowsExternalBinaryDataStorage");
+      attribute->preserveAfterDeletion_ = yes(child, "preserveAfterDeletion");
+      attribute->indexed_ = yes(child, "indexed");
+      property = std::move(attribute);
+    } else {
+      auto relationship = std::make_unique<RelationshipDescription>();
+      relationship->destinationName_ = child.attribute("destinationEntity").as_string();
+      if (relationship->destinationName_.empty()) {
+        return fail(error(fmt::format("{} has no destination entity", place)));
       }
-      model->entitiesByName_.emplace((*entity)->name_, entity->get());
-      model->entities_.push_back(std::move(*entity));
-    }
-    std::sort(model->entities_.begin(), model->entities_.end(),
-              [](const auto& a, const auto& b) { return a->name_ < b->name_; });
-    if (auto s = link(*model); !s) return fail(s.error());
-    return std::shared_ptr<const ManagedObjectModel>(std::move(model));
-  }
-
- private:
-  Error error(std::string_view what) const {
-    return Error(std::string(kCocoaErrorDomain), kFileReadCorruptFileError,
-                 fmt::format("The model \"{}\" cannot be read: {}.", source_, what));
-  }
-
-  static bool yes(pugi::xml_node node, const char* attribute) {
-    return std::string_view(node.attribute(attribute).as_string()) == "YES";
-  }
-
-  static Dictionary userInfo(pugi::xml_node node) {
-    Dictionary info;
-    for (pugi::xml_node entry : node.child("userInfo").children("entry")) {
-      info.insert_or_assign(entry.attribute("key").as_string(), Value(entry.attribute("value").as_string()));
-    }
-    return info;
-  }
-
-  static std::optional<AttributeType> attributeType(std::string_view name) {
-    static const std::map<std::string_view, AttributeType> types = {
-        {"Undefined", AttributeType::Undefined},
-        {"Integer 16", AttributeType::Integer16},
-        {"Integer 32", AttributeType::Integer32},
-        {"Integer 64", AttributeType::Integer64},
-        {"Decimal", AttributeType::Decimal},
-        {"Double", AttributeType::Double},
-        {"Float", AttributeType::Float},
-        {"String", AttributeType::String},
-        {"Boolean", AttributeType::Boolean},
-        {"Date", AttributeType::Date},
-        {"Binary", AttributeType::BinaryData},
-        {"UUID", AttributeType::Uuid},
-        {"URI", AttributeType::Uri},
-        {"Transformable", AttributeType::Transformable},
-        {"ObjectID", AttributeType::ObjectId},
-    };
-    auto it = types.find(name);
-    if (it == types.end()) return std::nullopt;
-    return it->second;
-  }
-
-  // The default value of an attribute, converted to its type.
-  Expected<Value> defaultValue(pugi::xml_node node, AttributeType type, std::string_view where) const {
-    if (type == AttributeType::Date) {
-      const pugi::xml_attribute interval = node.attribute("defaultDateTimeInterval");
-      return interval ? Value(Date{interval.as_double()}) : Value();
-    }
-    const pugi::xml_attribute attribute = node.attribute("defaultValueString");
-    if (!attribute) return Value();
-    const std::string_view text = attribute.as_string();
-    auto bad = [&] {
-      return fail(error(fmt::format("{} has the default \"{}\", not of its type", where, text)));
-    };
-    switch (type) {
-      case AttributeType::Integer16:
-      case AttributeType::Integer32:
-      case AttributeType::Integer64: {
-        std::int64_t v = 0;
-        auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
-        if (ec != std::errc() || end != text.data() + text.size()) return bad();
-        return Value(v);
-      }
-      case AttributeType::Decimal:
-      case AttributeType::Double:
-      case AttributeType::Float: {
-        std::istringstream in{std::string(text)};
-        double d = 0;
-        if (!(in >> d)) return bad();
-        return Value(d);
-      }
-      case AttributeType::Boolean:
-        if (text == "YES" || text == "1") return Value(true);
-        if (text == "NO" || text == "0") return Value(false);
-        return bad();
-      case AttributeType::String:
-        return Value(std::string(text));
-      default:
-        return Value();
-    }
-  }
-
-  Expected<std::unique_ptr<EntityDescription>> readEntity(pugi::xml_node node) {
-    auto entity = std::make_unique<EntityDescription>();
-    entity->name_ = node.attribute("name").as_string();
-    if (entity->name_.empty()) return fail(error("an <entity> has no name"));
-    const std::string where = fmt::format("<entity name=\"{}\">", entity->name_);
-    entity->className_ = node.attribute("representedClassName").as_string(entity->name_.c_str());
-    entity->abstract_ = yes(node, "isAbstract");
-    entity->superentityName_ = node.attribute("parentEntity").as_string();
-    entity->versionHashModifier_ = node.attribute("versionHashModifier").as_string();
-    entity->userInfo_ = userInfo(node);
-    for (pugi::xml_node constraint : node.child("uniquenessConstraints").children("uniquenessConstraint")) {
-      std::vector<std::string> names;
-      for (pugi::xml_node part : constraint.children("constraint"))
-        names.emplace_back(part.attribute("value").as_string());
-      entity->uniquenessConstraints_.push_back(std::move(names));
-    }
-    for (pugi::xml_node index : node.child("compoundIndexes").children("compoundIndex")) {
-      std::vector<std::string> names;
-      for (pugi::xml_node part : index.children("index"))
-        names.emplace_back(part.attribute("value").as_string());
-      entity->compoundIndexes_.push_back(std::move(names));
-    }
-
-    std::set<std::string, std::less<>> seen;
-    for (pugi::xml_node child : node.children()) {
-      const std::string_view tag = child.name();
-      if (tag != "attribute" && tag != "relationship") continue;
-      const std::string name = child.attribute("name").as_string();
-      if (name.empty()) return fail(error(fmt::format("{} has an <{}> without a name", where, tag)));
-      if (!seen.insert(name).second) return fail(error(fmt::format("{} declares \"{}\" twice", where, name)));
-      const std::string propertyWhere = fmt::format("{} <{} name=\"{}\">", where, tag, name);
-
-      std::unique_ptr<PropertyDescription> property;
-      if (tag == "attribute") {
-        auto attribute = std::make_unique<AttributeDescription>();
-        const std::string_view typeName = child.attribute("attributeType").as_string();
-        auto type = attributeType(typeName);
-        if (!type) return fail(error(fmt::format("{} has the unknown type \"{}\"", propertyWhere, typeName)));
-        attribute->type_ = *type;
-        auto defaultValue_ = defaultValue(child, *type, propertyWhere);
-        if (!defaultValue_) return fail(defaultValue_.error());
-        attribute->defaultValue_ = std::move(*defaultValue_);
-        attribute->valueClassName_ = child.attribute("customClassName")
-                                         .as_string(child.attribute("attributeValueClassName").as_string());
-        attribute->transformerName_ = child.attribute("valueTransformerName").as_string();
-        attribute->externalStorage_ = yes(child, "allowsExternalBinaryDataStorage");
-        attribute->preserveAfterDeletion_ = yes(child, "preserveAfterDeletion");
-        attribute->indexed_ = yes(child, "indexed");
-        property = std::move(attribute);
+      relationship->inverseName_ = child.attribute("inverseName").as_string();
+      relationship->toMany_ = yes(child, "toMany");
+      relationship->ordered_ = yes(child, "ordered");
+      relationship->minCount_ = child.attribute("minCount").as_llong(0);
+      relationship->maxCount_ = child.attribute("maxCount").as_llong(relationship->toMany_ ? 0 : 1);
+      const std::string_view rule = child.attribute("deletionRule").as_string("Nullify");
+      if (rule == "Nullify") {
+        relationship->deleteRule_ = DeleteRule::Nullify;
+      } else if (rule == "Cascade") {
+        relationship->deleteRule_ = DeleteRule::Cascade;
+      } else if (rule == "Deny") {
+        relationship->deleteRule_ = DeleteRule::Deny;
+      } else if (rule == "No Action") {
+        relationship->deleteRule_ = DeleteRule::NoAction;
       } else {
-        auto relationship = std::make_unique<RelationshipDescription>();
-        relationship->destinationName_ = child.attribute("destinationEntity").as_string();
-        if (relationship->destinationName_.empty()) {
-          return fail(error(fmt::format("{} has no destination entity", propertyWhere)));
-        }
-        relationship->inverseName_ = child.attribute("inverseName").as_string();
-        relationship->toMany_ = yes(child, "toMany");
-        relationship->ordered_ = yes(child, "ordered");
-        relationship->minCount_ = child.attribute("minCount").as_llong(0);
-        relationship->maxCount_ = child.attribute("maxCount").as_llong(relationship->toMany_ ? 0 : 1);
-        const std::string_view rule = child.attribute("deletionRule").as_string("Nullify");
-        if (rule == "Nullify") {
-          relationship->deleteRule_ = DeleteRule::Nullify;
-        } else if (rule == "Cascade") {
-          relationship->deleteRule_ = DeleteRule::Cascade;
-        } else if (rule == "Deny") {
-          relationship->deleteRule_ = DeleteRule::Deny;
-        } else if (rule == "No Action") {
-          relationship->deleteRule_ = DeleteRule::NoAction;
-        } else {
-          return fail(error(fmt::format("{} has the unknown deletion rule \"{}\"", propertyWhere, rule)));
-        }
-        property = std::move(relationship);
+        return fail(error(fmt::format("{} has the unknown deletion rule \"{}\"", place, rule)));
       }
-      property->name_ = name;
-      property->entity_ = entity.get();
-      property->optional_ = yes(child, "optional");
-      property->transient_ = yes(child, "transient");
-      property->versionHashModifier_ = child.attribute("versionHashModifier").as_string();
-      property->userInfo_ = userInfo(child);
-      entity->ownProperties_.push_back(std::move(property));
+      property = std::move(relationship);
     }
-    return entity;
+    property->name_ = name;
+    property->entity_ = entity.get();
+    property->optional_ = yes(child, "optional");
+    property->transient_ = yes(child, "transient");
+    property->versionHashModifier_ = child.attribute("versionHashModifier").as_string();
+    property->userInfo_ = xmlUserInfo(child);
+    entity->ownProperties_.push_back(std::move(property));
   }
-
-  // Resolves names into pointers: parents, sub-entities, inherited properties, destinations and
-  // inverses.
-  Status link(ManagedObjectModel& model) {
-    for (auto& entity : model.entities_) {
-      if (entity->superentityName_.empty()) continue;
-      auto it = model.entitiesByName_.find(entity->superentityName_);
-      if (it == model.entitiesByName_.end()) {
-        return fail(error(fmt::format("<entity name=\"{}\"> has the unknown parent \"{}\"", entity->name_,
-                                      entity->superentityName_)));
-      }
-      entity->superentity_ = it->second;
-      const_cast<EntityDescription*>(it->second)->subentities_.push_back(entity.get());
-    }
-    for (auto& entity : model.entities_) {
-      std::size_t depth = 0;
-      for (const EntityDescription* e = entity.get(); e != nullptr; e = e->superentity_) {
-        if (++depth > model.entities_.size()) {
-          return fail(error(fmt::format("<entity name=\"{}\"> inherits from itself", entity->name_)));
-        }
-      }
-    }
-    // Properties by name, ancestors first so that an entity's own declaration wins.
-    for (auto& entity : model.entities_) {
-      std::vector<const EntityDescription*> lineage;
-      for (const EntityDescription* e = entity.get(); e != nullptr; e = e->superentity_) lineage.push_back(e);
-      for (auto e = lineage.rbegin(); e != lineage.rend(); ++e) {
-        for (const auto& property : (*e)->ownProperties_) {
-          entity->propertiesByName_.insert_or_assign(property->name_, property.get());
-          if (property->isAttribute()) {
-            entity->attributesByName_.insert_or_assign(
-                property->name_, static_cast<const AttributeDescription*>(property.get()));
-          } else {
-            entity->relationshipsByName_.insert_or_assign(
-                property->name_, static_cast<const RelationshipDescription*>(property.get()));
-          }
-        }
-      }
-    }
-    for (auto& entity : model.entities_) {
-      for (auto& property : entity->ownProperties_) {
-        if (!property->isRelationship()) continue;
-        auto* relationship = static_cast<RelationshipDescription*>(property.get());
-        const std::string where = fmt::format("<entity name=\"{}\"> <relationship name=\"{}\">",
-                                              entity->name_, relationship->name_);
-        auto destination = model.entitiesByName_.find(relationship->destinationName_);
-        if (destination == model.entitiesByName_.end()) {
-          return fail(error(
-              fmt::format("{} points to the unknown entity \"{}\"", where, relationship->destinationName_)));
-        }
-        relationship->destination_ = destination->second;
-        if (relationship->inverseName_.empty()) continue;
-        const auto& candidates = destination->second->relationshipsByName_;
-        auto inverse = candidates.find(relationship->inverseName_);
-        if (inverse == candidates.end()) {
-          return fail(error(fmt::format("{} names the inverse \"{}\", which \"{}\" does not have", where,
-                                        relationship->inverseName_, relationship->destinationName_)));
-        }
-        relationship->inverse_ = inverse->second;
-      }
-    }
-    for (auto& entity : model.entities_) {
-      std::sort(entity->subentities_.begin(), entity->subentities_.end(),
-                [](const auto* a, const auto* b) { return a->name_ < b->name_; });
-    }
-    return {};
-  }
-
-  std::string source_;
-};
+  return entity;
+}
 
 const EntityDescription* EntityDescription::rootEntity() const {
   const EntityDescription* e = this;
@@ -305,7 +224,7 @@ const EntityDescription* ManagedObjectModel::entityNamed(std::string_view name) 
 
 Expected<std::shared_ptr<const ManagedObjectModel>> ManagedObjectModel::modelWithXml(
     std::string_view xml, const std::string& source) {
-  return ModelBuilder(source).build(xml);
+  return ModelBuilder(source, ModelBuilder::Origin::Xml).buildFromXml(xml);
 }
 
 namespace {

@@ -1,5 +1,6 @@
-// ManagedObjectModel: the entities of a store, loaded from Xcode's model source (a .xcdatamodeld
-// folder, a .xcdatamodel folder or its "contents" file), as NSManagedObjectModel.
+// ManagedObjectModel: the entities of a store, as NSManagedObjectModel, loaded from Xcode's model
+// source (a .xcdatamodeld folder, a .xcdatamodel folder or its "contents" file) or from the copy of
+// the model that a store keeps inside itself (Z_MODELCACHE).
 //
 // A model is immutable once loaded and shared (std::shared_ptr) by everything that uses it; all
 // reads are thread-safe. Entity and property descriptions live as long as the model.
@@ -8,6 +9,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -30,6 +32,21 @@ class ManagedObjectModel {
   // Parses the XML of a model's "contents" file; `source` names it in errors.
   [[nodiscard]] static Expected<std::shared_ptr<const ManagedObjectModel>> modelWithXml(
       std::string_view xml, const std::string& source);
+
+  // The model a store caches of itself: Z_MODELCACHE.Z_CONTENT, a keyed archive compressed with raw
+  // DEFLATE. `source` names the store in errors. Fails, never crashes, on any malformed content:
+  // 4864 for what is not a model archive (3840 when not even a property list). Inflating stops
+  // with an error beyond kMaxCachedModelSize.
+  [[nodiscard]] static Expected<std::shared_ptr<const ManagedObjectModel>> modelFromCachedContent(
+      std::span<const std::uint8_t> content, const std::string& source);
+  // The model cached in the store file at `store`, read without writing (though SQLite may touch a
+  // WAL store's -shm file), returned only when its entity version hashes are the store's
+  // NSStoreModelVersionHashes. Fails with 260 for a missing file, 4865 when the store holds no
+  // cached model or no metadata, 134100 when the hashes disagree, and as modelFromCachedContent.
+  [[nodiscard]] static Expected<std::shared_ptr<const ManagedObjectModel>> modelFromStore(
+      const std::filesystem::path& store);
+  // Largest inflated cache accepted: real models inflate to a few hundred KiB at most.
+  static constexpr std::size_t kMaxCachedModelSize = 64u << 20;
 
   // Entities sorted by name.
   const std::vector<std::unique_ptr<EntityDescription>>& entities() const { return entities_; }
