@@ -46,7 +46,9 @@ struct BatchDeleteResult {
 // Fails, with nothing changed, for a read-only store, for an entity of another model, with 134060
 // when a delete rule cannot be honoured by a batch delete (deny anywhere in the entities reached,
 // a many-to-many relationship with a rule other than nullify or cascade), with 1570 when a nullify
-// would empty a mandatory to-one inverse, and for any SQLite failure.
+// would empty a mandatory to-one inverse (checked as each row goes, so also when the row holding
+// it would itself be deleted later by the same request), when a transaction is already open on the
+// store's connection, and for any SQLite failure.
 [[nodiscard]] Expected<BatchDeleteResult> batchDeleteRows(SqliteStore& store, const EntityDescription& entity,
                                                           const RowSelection& rows,
                                                           BatchDeleteRequestResultType type);
