@@ -1,0 +1,383 @@
+// Batch deletes: the plan of temporary triggers that carries out the delete rules, and the one
+// transaction that runs a request.
+
+#include "objectstore/sqlite/batch_delete.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <set>
+#include <stdexcept>
+
+namespace tesselune {
+
+namespace {
+
+// NSCoreDataError and NSValidationMissingMandatoryPropertyError.
+constexpr std::int64_t kCoreDataError = 134060;
+constexpr std::int64_t kValidationMissingMandatoryPropertyError = 1570;
+
+// Temporary objects of a request. Entity tables are "Z" + a name starting with a letter, so these
+// never clash with them.
+constexpr std::string_view kIdsTable = "Z_BATCHDELETE_IDS";
+constexpr std::string_view kRowsTable = "Z_BATCHDELETE_ROWS";
+constexpr std::string_view kTriggerPrefix = "Z_BATCHDELETE_TRIGGER_";
+
+Error coreDataError(std::string text) {
+  return Error(std::string(kCocoaErrorDomain), kCoreDataError, std::move(text));
+}
+
+std::string sqlLiteral(std::string_view text) {
+  std::string out = "'";
+  for (char c : text) {
+    out.push_back(c);
+    if (c == '\'') out.push_back('\'');
+  }
+  out.push_back('\'');
+  return out;
+}
+
+void addHierarchy(const EntityDescription& entity, std::vector<const EntityDescription*>& out) {
+  out.push_back(&entity);
+  for (const EntityDescription* sub : entity.subentities()) addHierarchy(*sub, out);
+}
+
+std::string entityNumbers(const SqliteStore& store, const EntityDescription& entity) {
+  std::vector<const EntityDescription*> members;
+  addHierarchy(entity, members);
+  std::vector<std::int64_t> numbers;
+  for (const EntityDescription* member : members) {
+    if (auto number = store.entityNumber(*member)) numbers.push_back(*number);
+  }
+  return fmt::format("{}", fmt::join(numbers, ", "));
+}
+
+bool isMandatoryToOne(const RelationshipDescription* r) {
+  return r != nullptr && !r->isToMany() && !r->isOptional();
+}
+
+// What a request does besides deleting its own rows.
+struct TriggerPlan {
+  std::vector<std::string> names;
+  std::vector<std::string> createSql;
+  // The RAISE texts of nullifies that would empty a mandatory inverse.
+  std::vector<std::string> mandatoryTexts;
+};
+
+class TriggerPlanner {
+ public:
+  TriggerPlanner(const SqliteStore& store, const EntityDescription& requested)
+      : store_(store), requested_(requested) {}
+
+  // Refuses rules a batch delete cannot honour before anything runs; otherwise one trigger per
+  // relationship with a rule, firing only for the reached entities of its table (a table holds a
+  // whole hierarchy, of which only part may be reached).
+  Expected<TriggerPlan> plan() {
+    reach(requested_);
+    while (!pending_.empty()) {
+      const EntityDescription* entity = pending_.front();
+      pending_.pop_front();
+      for (const auto& [name, r] : entity->relationshipsByName()) {
+        if (r->isTransient() || r->destinationEntity() == nullptr) continue;
+        if (auto s = check(*entity, *r); !s) return fail(s.error());
+        if (r->deleteRule() == DeleteRule::NoAction) continue;
+        if (r->deleteRule() == DeleteRule::Cascade) reach(*r->destinationEntity());
+        auto [it, added] = firing_.try_emplace(r);
+        if (added) order_.push_back(r);
+        if (auto number = store_.entityNumber(*entity)) it->second.push_back(*number);
+      }
+    }
+    TriggerPlan plan;
+    for (const RelationshipDescription* r : order_) {
+      std::vector<std::string> body = statements(*r, plan);
+      if (body.empty()) continue;
+      const std::string name = fmt::format("{}{}", kTriggerPrefix, plan.names.size() + 1);
+      plan.createSql.push_back(fmt::format(
+          "CREATE TEMP TRIGGER {} AFTER DELETE ON {} FOR EACH ROW WHEN OLD.Z_ENT IN ({}) BEGIN {}; END", name,
+          SqliteStore::tableName(*r->entity()), fmt::join(firing_[r], ", "), fmt::join(body, "; ")));
+      plan.names.push_back(name);
+    }
+    return plan;
+  }
+
+ private:
+  void reach(const EntityDescription& entity) {
+    std::vector<const EntityDescription*> members;
+    addHierarchy(entity, members);
+    for (const EntityDescription* member : members) {
+      if (reached_.insert(member).second) pending_.push_back(member);
+    }
+  }
+
+  Status check(const EntityDescription& entity, const RelationshipDescription& r) const {
+    const bool manyToMany =
+        r.isToMany() && r.inverseRelationship() != nullptr && r.inverseRelationship()->isToMany();
+    if (r.deleteRule() == DeleteRule::Deny) {
+      return fail(coreDataError(
+          fmt::format("A batch delete of {} cannot honour the deny rule of the relationship “{}” of {}.",
+                      requested_.name(), r.name(), entity.name())));
+    }
+    if (manyToMany && r.deleteRule() != DeleteRule::Nullify && r.deleteRule() != DeleteRule::Cascade) {
+      return fail(coreDataError(
+          fmt::format("A batch delete of {} cannot honour the many-to-many relationship “{}” of {}: only "
+                      "nullify and cascade rules are supported.",
+                      requested_.name(), r.name(), entity.name())));
+    }
+    return {};
+  }
+
+  // The trigger body for one relationship of a deleted row (OLD).
+  std::vector<std::string> statements(const RelationshipDescription& r, TriggerPlan& plan) const {
+    const PropertyMapping* m = store_.schema().mapping(r);
+    if (m == nullptr) return {};
+    const bool cascade = r.deleteRule() == DeleteRule::Cascade;
+    const std::string destination = SqliteStore::tableName(*r.destinationEntity());
+    // Clears the key (and its entity-number and order columns) that points at the deleted row,
+    // unless that key is a mandatory inverse: then the whole request fails.
+    auto nullify = [&](const std::string& table, const PropertyMapping& key) -> std::string {
+      if (isMandatoryToOne(r.inverseRelationship())) {
+        const RelationshipDescription& inverse = *r.inverseRelationship();
+        std::string text = fmt::format(
+            "A batch delete of {} would nullify the mandatory relationship “{}” of {} (the relationship "
+            "“{}” of {} has the nullify rule).",
+            requested_.name(), inverse.name(), inverse.entity()->name(), r.name(), r.entity()->name());
+        std::string sql =
+            fmt::format("SELECT RAISE(ABORT, {}) WHERE EXISTS (SELECT 1 FROM {} WHERE {} = OLD.Z_PK)",
+                        sqlLiteral(text), table, key.column);
+        plan.mandatoryTexts.push_back(std::move(text));
+        return sql;
+      }
+      std::string set = key.column + " = NULL";
+      for (const std::string* column : {&key.entityColumn, &key.orderColumn}) {
+        if (!column->empty()) set += ", " + *column + " = NULL";
+      }
+      return fmt::format("UPDATE {} SET {}, Z_OPT = Z_OPT + 1 WHERE {} = OLD.Z_PK", table, set, key.column);
+    };
+
+    switch (m->kind) {
+      case PropertyMapping::Kind::ToOne: {
+        if (cascade) return {fmt::format("DELETE FROM {} WHERE Z_PK = OLD.{}", destination, m->column)};
+        // A to-many inverse lives in the deleted row itself; only a one-to-one inverse has a key to clear.
+        const RelationshipDescription* inverse = r.inverseRelationship();
+        if (inverse == nullptr || inverse->isToMany()) return {};
+        const PropertyMapping* key = store_.schema().mapping(*inverse);
+        if (key == nullptr) return {};
+        return {nullify(key->table, *key)};
+      }
+      case PropertyMapping::Kind::ToManyThroughInverse:
+      case PropertyMapping::Kind::ToManyWithoutInverse:
+        if (cascade) return {fmt::format("DELETE FROM {} WHERE {} = OLD.Z_PK", m->table, m->column)};
+        return {nullify(m->table, *m)};
+      case PropertyMapping::Kind::ManyToMany: {
+        // A self-inverse pair keeps each link once, with either side in either column.
+        const bool reflexive = r.inverseRelationship() == &r;
+        std::vector<std::string> out;
+        if (cascade) {
+          std::string others =
+              fmt::format("SELECT {} FROM {} WHERE {} = OLD.Z_PK", m->otherColumn, m->table, m->column);
+          if (reflexive) {
+            others += fmt::format(" UNION SELECT {} FROM {} WHERE {} = OLD.Z_PK", m->column, m->table,
+                                  m->otherColumn);
+          }
+          out.push_back(fmt::format("DELETE FROM {} WHERE Z_PK IN ({})", destination, others));
+        }
+        out.push_back(fmt::format("DELETE FROM {} WHERE {} = OLD.Z_PK", m->table, m->column));
+        if (reflexive)
+          out.push_back(fmt::format("DELETE FROM {} WHERE {} = OLD.Z_PK", m->table, m->otherColumn));
+        return out;
+      }
+      case PropertyMapping::Kind::Attribute:
+        break;
+    }
+    return {};
+  }
+
+  const SqliteStore& store_;
+  const EntityDescription& requested_;
+  std::set<const EntityDescription*> reached_;
+  std::deque<const EntityDescription*> pending_;
+  std::map<const RelationshipDescription*, std::vector<std::int64_t>> firing_;
+  std::vector<const RelationshipDescription*> order_;
+};
+
+Status bindAll(Statement& statement, const std::vector<Value>& values) {
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (auto s = statement.bind(static_cast<int>(i) + 1, values[i]); !s) return s;
+  }
+  return {};
+}
+
+Status runSql(Database& db, std::string_view sql, const std::vector<Value>& values) {
+  auto statement = db.prepare(sql);
+  if (!statement) return fail(statement.error());
+  if (auto s = bindAll(*statement, values); !s) return s;
+  return statement->run();
+}
+
+Expected<bool> recursiveTriggers(Database& db) {
+  auto statement = db.prepare("PRAGMA recursive_triggers");
+  if (!statement) return fail(statement.error());
+  auto row = statement->step();
+  if (!row) return fail(row.error());
+  return *row && statement->integer(0) != 0;
+}
+
+// The deletion itself, inside the request's transaction.
+Expected<BatchDeleteResult> deleteRows(SqliteStore& store, const EntityDescription& entity,
+                                       const RowSelection& rows, BatchDeleteRequestResultType type,
+                                       const TriggerPlan& plan) {
+  Database& db = store.database();
+  for (const std::string& sql : plan.createSql) {
+    if (auto s = db.execute(sql); !s) return fail(s.error());
+  }
+  const std::string table = "main." + SqliteStore::tableName(entity);
+  // Rows of other entities of the table stay, whatever the selection yields.
+  std::string where = fmt::format("Z_PK IN ({})", rows.sql);
+  if (&entity != entity.rootEntity())
+    where += fmt::format(" AND Z_ENT IN ({})", entityNumbers(store, entity));
+
+  BatchDeleteResult result;
+  result.status = true;
+  if (type == BatchDeleteRequestResultType::ResultTypeObjectIDs) {
+    // The IDs are read first, and exactly those rows are deleted.
+    if (auto s = db.execute(
+            fmt::format("CREATE TEMP TABLE {} (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER)", kRowsTable));
+        !s)
+      return fail(s.error());
+    if (auto s = runSql(
+            db,
+            fmt::format("INSERT INTO temp.{} SELECT Z_PK, Z_ENT FROM {} WHERE {}", kRowsTable, table, where),
+            rows.bindings);
+        !s)
+      return fail(s.error());
+    auto select = db.prepare(fmt::format("SELECT Z_PK, Z_ENT FROM temp.{}", kRowsTable));
+    if (!select) return fail(select.error());
+    for (;;) {
+      auto row = select->step();
+      if (!row) return fail(row.error());
+      if (!*row) break;
+      const EntityDescription* actual = store.entityForNumber(select->integer(1));
+      result.objectIDs.push_back(
+          ManagedObjectID::permanent(actual ? *actual : entity, store.identifier(), select->integer(0)));
+    }
+    if (auto s = db.execute(
+            fmt::format("DELETE FROM {} WHERE Z_PK IN (SELECT Z_PK FROM temp.{})", table, kRowsTable));
+        !s)
+      return fail(s.error());
+  } else if (auto s = runSql(db, fmt::format("DELETE FROM {} WHERE {}", table, where), rows.bindings); !s) {
+    return fail(s.error());
+  }
+  // Counts the statement's own rows; rows deleted by the triggers are not included.
+  result.count = sqlite3_changes64(db.handle());
+  return result;
+}
+
+// Runs a request in one exclusive transaction with recursive triggers on (cascades through a tree
+// of one entity), and leaves no temporary object behind, whether it succeeds or fails.
+Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescription& entity,
+                                       const RowSelection& rows, BatchDeleteRequestResultType type,
+                                       const std::function<Status(Database&)>& prepare) {
+  if (store.isReadOnly()) {
+    return fail(Error(std::string(kCocoaErrorDomain), kFileWriteNoPermissionError,
+                      fmt::format("The store “{}” is read-only.", store.path().filename().string())));
+  }
+  if (!store.entityNumber(entity)) {
+    return fail(
+        coreDataError(fmt::format("A batch delete of {} names an entity that is not in the store “{}”.",
+                                  entity.name(), store.path().filename().string())));
+  }
+  auto plan = TriggerPlanner(store, entity).plan();
+  if (!plan) return fail(plan.error());
+
+  Database& db = store.database();
+  auto recursive = recursiveTriggers(db);
+  if (!recursive) return fail(recursive.error());
+  if (!*recursive) {
+    if (auto s = db.execute("PRAGMA recursive_triggers = ON"); !s) return fail(s.error());
+  }
+  std::vector<std::string> cleanup;
+  for (const std::string& name : plan->names)
+    cleanup.push_back(fmt::format("DROP TRIGGER IF EXISTS temp.{}", name));
+  for (std::string_view name : {kIdsTable, kRowsTable})
+    cleanup.push_back(fmt::format("DROP TABLE IF EXISTS temp.{}", name));
+
+  auto body = [&]() -> Expected<BatchDeleteResult> {
+    if (auto s = db.execute("BEGIN EXCLUSIVE"); !s) return fail(s.error());
+    auto result = [&]() -> Expected<BatchDeleteResult> {
+      if (prepare) {
+        if (auto s = prepare(db); !s) return fail(s.error());
+      }
+      auto deleted = deleteRows(store, entity, rows, type, *plan);
+      if (!deleted) return deleted;
+      for (const std::string& sql : cleanup) {
+        if (auto s = db.execute(sql); !s) return fail(s.error());
+      }
+      if (auto s = db.execute("COMMIT"); !s) return fail(s.error());
+      return deleted;
+    }();
+    if (!result) {
+      if (sqlite3_get_autocommit(db.handle()) == 0) (void)db.execute("ROLLBACK");
+      // A rollback takes the temporary objects with it; these make sure of it.
+      for (const std::string& sql : cleanup) (void)db.execute(sql);
+    }
+    return result;
+  };
+  auto result = body();
+  if (!*recursive) (void)db.execute("PRAGMA recursive_triggers = OFF");
+
+  if (!result) {
+    for (const std::string& text : plan->mandatoryTexts) {
+      if (result.error().localizedDescription().find(text) != std::string::npos) {
+        return fail(Error(std::string(kCocoaErrorDomain), kValidationMissingMandatoryPropertyError, text));
+      }
+    }
+  }
+  return result;
+}
+
+}  // namespace
+
+Expected<BatchDeleteResult> batchDeleteRows(SqliteStore& store, const EntityDescription& entity,
+                                            const RowSelection& rows, BatchDeleteRequestResultType type) {
+  return runRequest(store, entity, rows, type, {});
+}
+
+Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store, const std::vector<ManagedObjectID>& ids,
+                                               BatchDeleteRequestResultType type) {
+  if (ids.empty()) throw std::invalid_argument("batchDeleteObjects needs at least one object ID");
+  // The request's entity is the nearest one that all the IDs' entities are kinds of.
+  const EntityDescription* common = &ids.front().entity();
+  for (const ManagedObjectID& id : ids) {
+    if (id.isTemporaryID() || id.storeIdentifier() != store.identifier() ||
+        !store.entityNumber(id.entity())) {
+      return fail(coreDataError(fmt::format("The object ID {} is not of an object in the store “{}”.",
+                                            id.URIRepresentation().absoluteString(),
+                                            store.path().filename().string())));
+    }
+    while (common != nullptr && !id.entity().isKindOfEntity(*common)) common = common->superentity();
+    if (common == nullptr) {
+      return fail(coreDataError(fmt::format(
+          "A batch delete takes objects of one entity hierarchy; {} and {} are of different ones.",
+          ids.front().entity().name(), id.entity().name())));
+    }
+  }
+  // The keys go through a table rather than the SQL text, however many there are.
+  auto fillKeys = [&](Database& db) -> Status {
+    if (auto s = db.execute(fmt::format("CREATE TEMP TABLE {} (Z_PK INTEGER PRIMARY KEY)", kIdsTable)); !s)
+      return s;
+    auto insert = db.prepare(fmt::format("INSERT OR IGNORE INTO temp.{} (Z_PK) VALUES (?)", kIdsTable));
+    if (!insert) return fail(insert.error());
+    for (const ManagedObjectID& id : ids) {
+      if (auto s = insert->bind(1, Value(id.primaryKey())); !s) return s;
+      if (auto s = insert->run(); !s) return s;
+      if (auto s = insert->reset(); !s) return s;
+    }
+    return {};
+  };
+  return runRequest(store, *common, {fmt::format("SELECT Z_PK FROM temp.{}", kIdsTable), {}}, type, fillKeys);
+}
+
+}  // namespace tesselune

@@ -1,0 +1,63 @@
+// Batch deletes in an SQLite store (NSBatchDeleteRequest): rows go straight from the tables, without
+// loading objects, and the model's delete rules are carried out by SQLite itself through temporary
+// triggers made for the request. Contexts are not told and nothing is validated.
+//
+// A request runs in one exclusive transaction: it deletes everything it should or nothing at all,
+// and leaves the connection as it found it (no temporary tables or triggers, recursive_triggers as
+// before). Use the store from one thread at a time, as for any other use of it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "foundation/error.h"
+#include "foundation/value.h"
+#include "objectstore/description/entity_description.h"
+#include "objectstore/managed_object_id.h"
+#include "objectstore/sqlite/sqlite_store.h"
+
+namespace tesselune {
+
+enum class BatchDeleteRequestResultType {
+  ResultTypeStatusOnly = 0,
+  ResultTypeObjectIDs = 1,
+  ResultTypeCount = 2,
+};
+
+// The rows to delete: a SELECT yielding Z_PK values of rows in the entity's table, with the values
+// for its parameters. The SQL is trusted (the fetch compiler makes it); its values are bound.
+struct RowSelection {
+  std::string sql;
+  std::vector<Value> bindings;
+};
+
+struct BatchDeleteResult {
+  // True whenever the request succeeded.
+  bool status = false;
+  // The request's own rows, not those deleted by cascade.
+  std::int64_t count = 0;
+  // Only for ResultTypeObjectIDs: the request's own objects, each named by its actual entity.
+  std::vector<ManagedObjectID> objectIDs;
+};
+
+// Deletes the selected rows of an entity (and of its sub-entities) with their delete rules. Rows of
+// other entities sharing the table are never deleted by the selection itself.
+// Fails, with nothing changed, for a read-only store, for an entity of another model, with 134060
+// when a delete rule cannot be honoured by a batch delete (deny anywhere in the entities reached,
+// a many-to-many relationship with a rule other than nullify or cascade), with 1570 when a nullify
+// would empty a mandatory to-one inverse (checked as each row goes, so also when the row holding
+// it would itself be deleted later by the same request), when a transaction is already open on the
+// store's connection, and for any SQLite failure.
+[[nodiscard]] Expected<BatchDeleteResult> batchDeleteRows(SqliteStore& store, const EntityDescription& entity,
+                                                          const RowSelection& rows,
+                                                          BatchDeleteRequestResultType type);
+
+// Deletes the objects with these IDs, as batchDeleteRows does. The IDs must be permanent IDs of this
+// store, all of one entity hierarchy (an Error otherwise); IDs of rows that are gone already are
+// skipped. An empty list is a programming error: throws std::invalid_argument.
+[[nodiscard]] Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store,
+                                                             const std::vector<ManagedObjectID>& ids,
+                                                             BatchDeleteRequestResultType type);
+
+}  // namespace tesselune
