@@ -17,8 +17,6 @@ namespace tesselune {
 namespace {
 
 // NSCoreDataError and NSValidationMissingMandatoryPropertyError.
-constexpr std::int64_t kCoreDataError = 134060;
-constexpr std::int64_t kValidationMissingMandatoryPropertyError = 1570;
 
 // Temporary objects of a request. Entity tables are "Z" + a name starting with a letter, so these
 // never clash with them.

@@ -22,7 +22,7 @@ namespace tesselune {
 // The code of the Error for a request the store cannot run: an unknown entity or key, a key path
 // through a to-many relationship, a $variable left in the predicate, a comparison of values of
 // different kinds. It is NSPersistentStoreUnsupportedRequestTypeError.
-inline constexpr std::int64_t kFetchRequestUnsupportedError = 134091;
+inline constexpr std::int64_t kFetchRequestUnsupportedError = kPersistentStoreUnsupportedRequestTypeError;
 
 // What the statement answers per row.
 enum class FetchSelection {
