@@ -16,8 +16,6 @@ namespace tesselune {
 
 namespace {
 
-// NSCoreDataError and NSValidationMissingMandatoryPropertyError.
-
 // Temporary objects of a request. Entity tables are "Z" + a name starting with a letter, so these
 // never clash with them.
 constexpr std::string_view kIdsTable = "Z_BATCHDELETE_IDS";
