@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "objectstore/managed_object.h"
 #include "objectstore/sqlite/migration.h"
 
 namespace tesselune {
@@ -87,6 +88,19 @@ void PersistentStoreCoordinator::addPersistentStoreWithDescription(
   }
   std::lock_guard lock(mutex_);
   adders_.emplace_back(std::move(add));
+}
+
+std::shared_ptr<const ManagedObjectClassRegistry> PersistentStoreCoordinator::managedObjectClassRegistry()
+    const {
+  std::lock_guard lock(mutex_);
+  if (!classRegistry_) classRegistry_ = std::make_shared<const ManagedObjectClassRegistry>();
+  return classRegistry_;
+}
+
+void PersistentStoreCoordinator::setManagedObjectClassRegistry(
+    std::shared_ptr<const ManagedObjectClassRegistry> registry) {
+  std::lock_guard lock(mutex_);
+  classRegistry_ = std::move(registry);
 }
 
 std::vector<SqliteStore*> PersistentStoreCoordinator::persistentStores() const {

@@ -25,6 +25,8 @@ namespace tesselune {
 
 inline constexpr std::string_view kSQLiteStoreType = "SQLite";
 
+class ManagedObjectClassRegistry;
+
 // How to add one store: a plain value, copied freely (copy is the platform's copy).
 struct PersistentStoreDescription {
   Url url;
@@ -73,6 +75,11 @@ class PersistentStoreCoordinator {
   // and unknown entities.
   std::optional<ManagedObjectID> managedObjectIDForURIRepresentation(const Url& uri) const;
 
+  // The classes that contexts on this coordinator make their objects of; plain managed objects
+  // unless set. Set before contexts use the coordinator.
+  std::shared_ptr<const ManagedObjectClassRegistry> managedObjectClassRegistry() const;
+  void setManagedObjectClassRegistry(std::shared_ptr<const ManagedObjectClassRegistry> registry);
+
   // Serialises use of the stores (performBlockAndWait of contexts takes it).
   std::recursive_mutex& mutex() const { return mutex_; }
 
@@ -82,6 +89,7 @@ class PersistentStoreCoordinator {
 
   std::shared_ptr<const ManagedObjectModel> model_;
   std::vector<std::shared_ptr<const ManagedObjectModel>> earlierVersions_;
+  mutable std::shared_ptr<const ManagedObjectClassRegistry> classRegistry_;
   mutable std::recursive_mutex mutex_;
   std::vector<std::unique_ptr<SqliteStore>> stores_;
   std::vector<std::jthread> adders_;  // asynchronous adds still running or done

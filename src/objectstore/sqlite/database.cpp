@@ -133,6 +133,11 @@ double Statement::real(int column) const {
   return sqlite3_column_double(statement_, column);
 }
 
+std::string Statement::columnName(int column) const {
+  const char* name = sqlite3_column_name(statement_, column);
+  return name ? std::string(name) : std::string();
+}
+
 std::string Statement::text(int column) const {
   const auto* p = sqlite3_column_text(statement_, column);
   return p ? std::string(reinterpret_cast<const char*>(p),

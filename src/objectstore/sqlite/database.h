@@ -37,6 +37,7 @@ class Statement {
   [[nodiscard]] Status reset();
 
   int columnCount() const;
+  std::string columnName(int column) const;
   bool isNull(int column) const;
   std::int64_t integer(int column) const;
   double real(int column) const;

@@ -1,0 +1,48 @@
+// UndoManager: a stack of undo actions, as NSUndoManager keeps them for a document or a context.
+//
+// Actions are plain callables registered while a change is made; undo runs the newest group and
+// what it registers while undoing becomes the redo. Use from one thread at a time (the owner's).
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+namespace tesselune {
+
+class UndoManager {
+ public:
+  using Action = std::function<void()>;
+
+  // Adds an action to the open group, or to a group of its own when none is open. Ignored while
+  // registration is disabled.
+  void registerUndo(Action action);
+  void beginUndoGrouping();
+  void endUndoGrouping();
+
+  bool canUndo() const { return !undo_.empty(); }
+  bool canRedo() const { return !redo_.empty(); }
+  // Runs the newest group's actions, newest first.
+  void undo();
+  void redo();
+  void removeAllActions();
+
+  void disableUndoRegistration() { ++disabled_; }
+  void enableUndoRegistration() {
+    if (disabled_ > 0) --disabled_;
+  }
+  bool isUndoRegistrationEnabled() const { return disabled_ == 0; }
+  std::size_t groupingLevel() const { return open_.size(); }
+
+ private:
+  using Group = std::vector<Action>;
+  void push(Group group);
+
+  std::vector<Group> undo_;
+  std::vector<Group> redo_;
+  std::vector<Group> open_;
+  int disabled_ = 0;
+  enum class Mode { Normal, Undoing, Redoing } mode_ = Mode::Normal;
+};
+
+}  // namespace tesselune
