@@ -552,6 +552,7 @@ class ContextSaver {
   std::unordered_set<const ManagedObject*> deleting_;
   std::vector<const ManagedObject*> conflicts_;
   std::map<const ManagedObject*, std::int64_t> newVersions_;
+  std::map<std::pair<Database*, std::string>, Statement> statements_;
 };
 
 Status ManagedObjectContext::save() {
