@@ -375,10 +375,13 @@ Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescripti
   }
   auto recursive = recursiveTriggers(db);
   if (!recursive) return fail(recursive.error());
-  auto temporaryStore = useTemporaryFiles(db);
-  if (!temporaryStore) return fail(temporaryStore.error());
   if (!*recursive) {
     if (auto s = db.execute("PRAGMA recursive_triggers = ON"); !s) return fail(s.error());
+  }
+  auto temporaryStore = useTemporaryFiles(db);
+  if (!temporaryStore) {
+    if (!*recursive) (void)db.execute("PRAGMA recursive_triggers = OFF");
+    return fail(temporaryStore.error());
   }
   std::vector<std::string> cleanup;
   for (const std::string& name : plan->names)

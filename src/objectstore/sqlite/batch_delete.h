@@ -64,8 +64,9 @@ inline constexpr std::int64_t kBatchDeleteRowsPerChunk = 20000;
 // a many-to-many relationship with a rule other than nullify or cascade), with 1570 when a nullify
 // would empty a mandatory to-one inverse (checked as each row goes, so also when the row holding
 // it would itself be deleted later by the same request), when a transaction is already open on the
-// store's connection, and for any SQLite failure. rowsPerChunk below 1 is a programming error:
-// throws std::invalid_argument.
+// store's connection (it stays open, untouched), and for any SQLite failure. With
+// ResultTypeObjectIDs the result itself grows with the request, one ID per selected row. rowsPerChunk below 1
+// is a programming error: throws std::invalid_argument.
 [[nodiscard]] Expected<BatchDeleteResult> batchDeleteRows(
     SqliteStore& store, const EntityDescription& entity, const RowSelection& rows,
     BatchDeleteRequestResultType type, Progress* progress = nullptr,
