@@ -3,6 +3,7 @@
 
 #include "objectstore/sqlite/batch_delete.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -144,6 +145,13 @@ class BatchDeleteTest : public ::testing::Test {
     sql("INSERT INTO ZLABEL (Z_PK, Z_ENT, Z_OPT, Z14LABELS) VALUES (1, 11, 1, 1), (2, 11, 1, 3)");
   }
 
+  void insertLabels(int first, int last) {
+    sql(
+        fmt::format("WITH RECURSIVE k(n) AS (SELECT {} UNION ALL SELECT n + 1 FROM k WHERE n < {}) "
+                    "INSERT INTO ZLABEL (Z_PK, Z_ENT, Z_OPT) SELECT n, 11, 1 FROM k",
+                    first, last));
+  }
+
   void expectNoTemporaryObjects() {
     EXPECT_EQ(one("SELECT count(*) FROM sqlite_temp_master"), "0");
     EXPECT_EQ(one("PRAGMA recursive_triggers"), "0");
@@ -273,8 +281,10 @@ TEST_F(BatchDeleteTest, NullifyingAMandatoryInverseFailsTheWholeRequest) {
   sql("INSERT INTO ZBADGE (Z_PK, Z_ENT, Z_OPT, ZHOLDER) VALUES (1, 9, 1, 2)");
   const std::string before =
       one("SELECT group_concat(Z_PK) FROM ZHOLDER") + one("SELECT ZHOLDER FROM ZBADGE");
-  // Holder 1 has no badge and would go; holder 2 fails the request, so 1 stays as well.
-  auto result = batchDeleteRows(*store_, entity("Holder"), {"SELECT Z_PK FROM ZHOLDER", {}}, ResultTypeCount);
+  // Holder 1 has no badge and goes in the first chunk; holder 2 fails the request in the second, so
+  // 1 stays as well.
+  auto result = batchDeleteRows(*store_, entity("Holder"), {"SELECT Z_PK FROM ZHOLDER", {}}, ResultTypeCount,
+                                nullptr, 1);
   ASSERT_FALSE(result);
   EXPECT_EQ(result.error().domain(), "NSCocoaErrorDomain");
   EXPECT_EQ(result.error().code(), 1570);
@@ -297,6 +307,16 @@ TEST_F(BatchDeleteTest, FailuresLeaveNothingBehind) {
       batchDeleteRows(*store_, entity("Person"), {"SELECT Z_PK FROM ZNOSUCHTABLE", {}}, ResultTypeObjectIDs);
   ASSERT_FALSE(result);
   EXPECT_EQ(one("SELECT count(*) FROM ZPERSON"), "3");
+  expectNoTemporaryObjects();
+
+  // A transaction the caller opened is refused and left open, with its changes.
+  sql("BEGIN");
+  sql("INSERT INTO ZLABEL (Z_PK, Z_ENT, Z_OPT) VALUES (9, 11, 1)");
+  result = batchDeleteRows(*store_, entity("Label"), {"SELECT Z_PK FROM ZLABEL", {}}, ResultTypeCount);
+  ASSERT_FALSE(result);
+  EXPECT_EQ(sqlite3_get_autocommit(store_->database().handle()), 0);
+  sql("COMMIT");
+  EXPECT_EQ(one("SELECT count(*) FROM ZLABEL WHERE Z_PK = 9"), "1");
   expectNoTemporaryObjects();
 
   // Recursive triggers stay on for a connection that had them on.
@@ -322,6 +342,8 @@ TEST_F(BatchDeleteTest, RefusesIDsItCannotDelete) {
   }
   EXPECT_EQ(one("SELECT count(*) FROM ZPERSON"), "3");
   EXPECT_THROW((void)batchDeleteObjects(*store_, {}, ResultTypeCount), std::invalid_argument);
+  EXPECT_THROW((void)batchDeleteObjects(*store_, {id("Person", 1)}, ResultTypeCount, nullptr, 0),
+               std::invalid_argument);
 
   store_.reset();
   auto readOnly = SqliteStore::open(path_, model_, {.readOnly = true});
@@ -331,6 +353,101 @@ TEST_F(BatchDeleteTest, RefusesIDsItCannotDelete) {
       ResultTypeCount);
   ASSERT_FALSE(result);
   EXPECT_EQ(result.error().code(), kFileWriteNoPermissionError);
+}
+
+// Folders 1–10 selected, 11 not: 1 ─ 5 ─ 2, 1 ─ 9, 4 ─ 10, the rest alone. Cascades take rows that
+// later chunks select.
+constexpr std::string_view kFolderForest =
+    "INSERT INTO ZFOLDER (Z_PK, Z_ENT, Z_OPT, ZPARENT) VALUES (1, 6, 1, NULL), (2, 6, 1, 5), (3, 6, 1, "
+    "NULL), "
+    "(4, 6, 1, NULL), (5, 6, 1, 1), (6, 6, 1, NULL), (7, 6, 1, NULL), (8, 6, 1, NULL), (9, 6, 1, 1), "
+    "(10, 6, 1, 4), (11, 6, 1, NULL)";
+
+TEST_F(BatchDeleteTest, ChunksGiveWhatOneStatementGives) {
+  const RowSelection selection{"SELECT Z_PK FROM ZFOLDER WHERE Z_PK <= ?", {Value(10)}};
+  sql(std::string(kFolderForest));
+  auto whole = batchDeleteRows(*store_, entity("Folder"), selection, ResultTypeObjectIDs);
+  ASSERT_TRUE(whole) << whole.error().debugDescription();
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZFOLDER"), (std::vector<std::string>{"11"}));
+
+  // Chunks of three, on a connection that keeps temporary tables in memory. At each chunk the
+  // progress sees the rows gone so far, and temporary tables on file.
+  sql("DELETE FROM ZFOLDER");
+  sql(std::string(kFolderForest));
+  sql("PRAGMA temp_store = MEMORY");
+  Progress progress;
+  std::vector<std::string> seen;
+  progress.addObserver([&](const Progress& p) {
+    if (p.completedUnitCount() == 0) return;
+    seen.push_back(fmt::format("{}/{} {} {}", p.completedUnitCount(), p.totalUnitCount(),
+                               one("SELECT group_concat(Z_PK) FROM (SELECT Z_PK FROM ZFOLDER ORDER BY Z_PK)"),
+                               one("PRAGMA temp_store")));
+  });
+  auto chunked = batchDeleteRows(*store_, entity("Folder"), selection, ResultTypeObjectIDs, &progress, 3);
+  ASSERT_TRUE(chunked) << chunked.error().debugDescription();
+  EXPECT_EQ(seen,
+            (std::vector<std::string>{"3/10 4,6,7,8,10,11 1", "6/10 7,8,11 1", "9/10 11 1", "10/10 11 1"}));
+  EXPECT_EQ(chunked->count, whole->count);
+  EXPECT_EQ(chunked->objectIDs, whole->objectIDs);
+  ASSERT_EQ(chunked->objectIDs.size(), 10u);
+  EXPECT_EQ(chunked->objectIDs.back(), id("Folder", 10));
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZFOLDER"), (std::vector<std::string>{"11"}));
+  EXPECT_EQ(one("PRAGMA temp_store"), "2");
+  expectNoTemporaryObjects();
+}
+
+TEST_F(BatchDeleteTest, AWindowIsSelectedOnceBeforeAnythingGoes) {
+  insertLabels(1, 10);
+  // Re-running the window after each chunk would reach rows beyond it.
+  auto result =
+      batchDeleteRows(*store_, entity("Label"),
+                      {"SELECT Z_PK FROM ZLABEL ORDER BY Z_PK LIMIT ? OFFSET ?", {Value(4), Value(3)}},
+                      ResultTypeObjectIDs, nullptr, 2);
+  ASSERT_TRUE(result) << result.error().debugDescription();
+  EXPECT_EQ(result->count, 4);
+  EXPECT_EQ(result->objectIDs,
+            (std::vector<ManagedObjectID>{id("Label", 4), id("Label", 5), id("Label", 6), id("Label", 7)}));
+  EXPECT_EQ(one("SELECT group_concat(Z_PK) FROM ZLABEL"), "1,2,3,8,9,10");
+}
+
+TEST_F(BatchDeleteTest, CancellingRollsBackEveryChunk) {
+  insertPeople();
+  insertLabels(3, 10);
+  const std::string before = one("SELECT count(*) FROM ZPERSON") + one("SELECT count(*) FROM ZCAR") +
+                             one("SELECT count(*) FROM ZLABEL") + one("SELECT count(*) FROM Z_7MEMBERS");
+  auto expectCancelled = [&](const Expected<BatchDeleteResult>& result) {
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().domain(), "NSCocoaErrorDomain");
+    EXPECT_EQ(result.error().code(), 3072);
+    EXPECT_EQ(one("SELECT count(*) FROM ZPERSON") + one("SELECT count(*) FROM ZCAR") +
+                  one("SELECT count(*) FROM ZLABEL") + one("SELECT count(*) FROM Z_7MEMBERS"),
+              before);
+    expectNoTemporaryObjects();
+  };
+  // Cancelled between chunks, after the last chunk, and before the request began.
+  for (const std::int64_t cancelAt : {2, 3}) {
+    Progress progress;
+    progress.addObserver([&](const Progress& p) {
+      if (p.completedUnitCount() >= cancelAt) progress.cancel();
+    });
+    expectCancelled(batchDeleteObjects(*store_, {id("Person", 1), id("Person", 2), id("Person", 3)},
+                                       ResultTypeCount, &progress, 2));
+    EXPECT_EQ(progress.totalUnitCount(), 3);
+  }
+  Progress cancelled;
+  cancelled.cancel();
+  expectCancelled(batchDeleteRows(*store_, entity("Label"), {"SELECT Z_PK FROM ZLABEL", {}}, ResultTypeCount,
+                                  &cancelled));
+
+  // Missing keys are not counted; the same request goes through uncancelled.
+  Progress progress;
+  auto result = batchDeleteObjects(*store_, {id("Person", 1), id("Person", 99), id("Person", 3)},
+                                   ResultTypeCount, &progress, 1);
+  ASSERT_TRUE(result) << result.error().debugDescription();
+  EXPECT_EQ(progress.totalUnitCount(), 2);
+  EXPECT_EQ(progress.completedUnitCount(), 2);
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZPERSON"), (std::vector<std::string>{"2"}));
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZCAR"), (std::vector<std::string>{"3"}));
 }
 
 TEST_F(BatchDeleteTest, KeepsWorkingWithCoreDataOwnTriggers) {

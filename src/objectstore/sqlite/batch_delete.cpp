@@ -8,7 +8,9 @@
 
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
+#include <optional>
 #include <set>
 #include <stdexcept>
 
@@ -221,10 +223,25 @@ Expected<bool> recursiveTriggers(Database& db) {
   return *row && statement->integer(0) != 0;
 }
 
+// NSUserCancelledError: the user (here, whoever holds the progress) stopped the work.
+constexpr std::int64_t kUserCancelledErrorCode = 3072;
+
+Error cancelledError(const EntityDescription& entity) {
+  return Error(std::string(kCocoaErrorDomain), kUserCancelledErrorCode,
+               fmt::format("The batch delete of {} was cancelled; nothing was deleted.", entity.name()));
+}
+
+struct Chunking {
+  Progress* progress = nullptr;
+  std::int64_t rowsPerChunk = kBatchDeleteRowsPerChunk;
+
+  bool cancelled() const { return progress != nullptr && progress->isCancelled(); }
+};
+
 // The deletion itself, inside the request's transaction.
 Expected<BatchDeleteResult> deleteRows(SqliteStore& store, const EntityDescription& entity,
                                        const RowSelection& rows, BatchDeleteRequestResultType type,
-                                       const TriggerPlan& plan) {
+                                       const TriggerPlan& plan, const Chunking& chunking) {
   Database& db = store.database();
   for (const std::string& sql : plan.createSql) {
     if (auto s = db.execute(sql); !s) return fail(s.error());
@@ -235,20 +252,27 @@ Expected<BatchDeleteResult> deleteRows(SqliteStore& store, const EntityDescripti
   if (&entity != entity.rootEntity())
     where += fmt::format(" AND Z_ENT IN ({})", entityNumbers(store, entity));
 
+  // The selection runs once: deleting would shift a fetch window, and the chunks walk these keys in
+  // order. Nothing but this function writes the table, so its row count stays the total.
+  if (auto s = db.execute(
+          fmt::format("CREATE TEMP TABLE {} (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER)", kRowsTable));
+      !s)
+    return fail(s.error());
+  if (auto s = runSql(
+          db,
+          fmt::format("INSERT INTO temp.{} SELECT Z_PK, Z_ENT FROM {} WHERE {}", kRowsTable, table, where),
+          rows.bindings);
+      !s)
+    return fail(s.error());
+  const std::int64_t total = sqlite3_changes64(db.handle());
+  if (chunking.progress != nullptr) {
+    chunking.progress->setTotalUnitCount(total);
+    chunking.progress->setCompletedUnitCount(0);
+  }
+
   BatchDeleteResult result;
   result.status = true;
   if (type == BatchDeleteRequestResultType::ResultTypeObjectIDs) {
-    // The IDs are read first, and exactly those rows are deleted.
-    if (auto s = db.execute(
-            fmt::format("CREATE TEMP TABLE {} (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER)", kRowsTable));
-        !s)
-      return fail(s.error());
-    if (auto s = runSql(
-            db,
-            fmt::format("INSERT INTO temp.{} SELECT Z_PK, Z_ENT FROM {} WHERE {}", kRowsTable, table, where),
-            rows.bindings);
-        !s)
-      return fail(s.error());
     auto select = db.prepare(fmt::format("SELECT Z_PK, Z_ENT FROM temp.{}", kRowsTable));
     if (!select) return fail(select.error());
     for (;;) {
@@ -259,23 +283,78 @@ Expected<BatchDeleteResult> deleteRows(SqliteStore& store, const EntityDescripti
       result.objectIDs.push_back(
           ManagedObjectID::permanent(actual ? *actual : entity, store.identifier(), select->integer(0)));
     }
-    if (auto s = db.execute(
-            fmt::format("DELETE FROM {} WHERE Z_PK IN (SELECT Z_PK FROM temp.{})", table, kRowsTable));
-        !s)
-      return fail(s.error());
-  } else if (auto s = runSql(db, fmt::format("DELETE FROM {} WHERE {}", table, where), rows.bindings); !s) {
-    return fail(s.error());
   }
-  // Counts the statement's own rows; rows deleted by the triggers are not included.
-  result.count = sqlite3_changes64(db.handle());
+
+  // Each chunk is the next rowsPerChunk keys, from `low` to the key found at that offset. A row a
+  // cascade took already is skipped by its chunk's DELETE, and not counted.
+  auto upper = db.prepare(
+      fmt::format("SELECT Z_PK FROM temp.{} WHERE Z_PK >= ?1 ORDER BY Z_PK LIMIT 1 OFFSET ?2", kRowsTable));
+  if (!upper) return fail(upper.error());
+  auto remove = db.prepare(
+      fmt::format("DELETE FROM {} WHERE Z_PK IN (SELECT Z_PK FROM temp.{} WHERE Z_PK >= ?1 AND Z_PK <= ?2)",
+                  table, kRowsTable));
+  if (!remove) return fail(remove.error());
+  std::int64_t low = std::numeric_limits<std::int64_t>::min();
+  for (std::int64_t done = 0; done < total;) {
+    if (chunking.cancelled()) return fail(cancelledError(entity));
+    std::int64_t high = std::numeric_limits<std::int64_t>::max();
+    std::int64_t taken = total - done;
+    if (auto s = upper->bind(1, Value(low)); !s) return fail(s.error());
+    if (auto s = upper->bind(2, Value(chunking.rowsPerChunk - 1)); !s) return fail(s.error());
+    auto found = upper->step();
+    if (!found) return fail(found.error());
+    if (*found) {
+      high = upper->integer(0);
+      taken = chunking.rowsPerChunk;
+    }
+    if (auto s = upper->reset(); !s) return fail(s.error());
+
+    if (auto s = remove->bind(1, Value(low)); !s) return fail(s.error());
+    if (auto s = remove->bind(2, Value(high)); !s) return fail(s.error());
+    if (auto s = remove->run(); !s) return fail(s.error());
+    // Counts the statement's own rows; rows deleted by the triggers are not included.
+    result.count += sqlite3_changes64(db.handle());
+    if (auto s = remove->reset(); !s) return fail(s.error());
+
+    done += taken;
+    if (chunking.progress != nullptr) chunking.progress->setCompletedUnitCount(done);
+    if (high == std::numeric_limits<std::int64_t>::max()) break;
+    low = high + 1;
+  }
+  // A cancellation that comes after the last chunk still undoes the request.
+  if (chunking.cancelled()) return fail(cancelledError(entity));
   return result;
+}
+
+// Temporary tables in memory would make the key table grow with the request. Switches the
+// connection to temporary files when they would be in memory, and returns the setting to restore
+// afterwards; nothing when the connection is fine as it is (or SQLite was built to keep them in
+// memory whatever the connection says).
+Expected<std::optional<std::int64_t>> useTemporaryFiles(Database& db) {
+  auto statement = db.prepare("PRAGMA temp_store");
+  if (!statement) return fail(statement.error());
+  auto row = statement->step();
+  if (!row) return fail(row.error());
+  const std::int64_t setting = *row ? statement->integer(0) : 0;
+  *statement = Statement();
+  // 0 default, 1 files, 2 memory; SQLite's build decides what the default is and may override.
+  const bool defaultIsMemory = sqlite3_compileoption_used("TEMP_STORE=2") != 0;
+  const bool alwaysMemory = sqlite3_compileoption_used("TEMP_STORE=3") != 0;
+  const bool neverMemory = sqlite3_compileoption_used("TEMP_STORE=0") != 0;
+  const bool inMemory = setting == 2 || (setting == 0 && defaultIsMemory);
+  if (!inMemory || alwaysMemory || neverMemory) return std::optional<std::int64_t>();
+  if (auto s = db.execute("PRAGMA temp_store = FILE"); !s) return fail(s.error());
+  return std::optional<std::int64_t>(setting);
 }
 
 // Runs a request in one exclusive transaction with recursive triggers on (cascades through a tree
 // of one entity), and leaves no temporary object behind, whether it succeeds or fails.
 Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescription& entity,
                                        const RowSelection& rows, BatchDeleteRequestResultType type,
+                                       const Chunking& chunking,
                                        const std::function<Status(Database&)>& prepare) {
+  if (chunking.rowsPerChunk < 1)
+    throw std::invalid_argument("a batch delete needs at least one row per chunk");
   if (store.isReadOnly()) {
     return fail(Error(std::string(kCocoaErrorDomain), kFileWriteNoPermissionError,
                       fmt::format("The store “{}” is read-only.", store.path().filename().string())));
@@ -289,10 +368,20 @@ Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescripti
   if (!plan) return fail(plan.error());
 
   Database& db = store.database();
+  if (sqlite3_get_autocommit(db.handle()) == 0) {
+    return fail(coreDataError(fmt::format(
+        "A batch delete of {} cannot run inside a transaction that is already open on the store “{}”.",
+        entity.name(), store.path().filename().string())));
+  }
   auto recursive = recursiveTriggers(db);
   if (!recursive) return fail(recursive.error());
   if (!*recursive) {
     if (auto s = db.execute("PRAGMA recursive_triggers = ON"); !s) return fail(s.error());
+  }
+  auto temporaryStore = useTemporaryFiles(db);
+  if (!temporaryStore) {
+    if (!*recursive) (void)db.execute("PRAGMA recursive_triggers = OFF");
+    return fail(temporaryStore.error());
   }
   std::vector<std::string> cleanup;
   for (const std::string& name : plan->names)
@@ -306,7 +395,7 @@ Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescripti
       if (prepare) {
         if (auto s = prepare(db); !s) return fail(s.error());
       }
-      auto deleted = deleteRows(store, entity, rows, type, *plan);
+      auto deleted = deleteRows(store, entity, rows, type, *plan, chunking);
       if (!deleted) return deleted;
       for (const std::string& sql : cleanup) {
         if (auto s = db.execute(sql); !s) return fail(s.error());
@@ -323,6 +412,7 @@ Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescripti
   };
   auto result = body();
   if (!*recursive) (void)db.execute("PRAGMA recursive_triggers = OFF");
+  if (*temporaryStore) (void)db.execute(fmt::format("PRAGMA temp_store = {}", **temporaryStore));
 
   if (!result) {
     for (const std::string& text : plan->mandatoryTexts) {
@@ -337,12 +427,14 @@ Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescripti
 }  // namespace
 
 Expected<BatchDeleteResult> batchDeleteRows(SqliteStore& store, const EntityDescription& entity,
-                                            const RowSelection& rows, BatchDeleteRequestResultType type) {
-  return runRequest(store, entity, rows, type, {});
+                                            const RowSelection& rows, BatchDeleteRequestResultType type,
+                                            Progress* progress, std::int64_t rowsPerChunk) {
+  return runRequest(store, entity, rows, type, {progress, rowsPerChunk}, {});
 }
 
 Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store, const std::vector<ManagedObjectID>& ids,
-                                               BatchDeleteRequestResultType type) {
+                                               BatchDeleteRequestResultType type, Progress* progress,
+                                               std::int64_t rowsPerChunk) {
   if (ids.empty()) throw std::invalid_argument("batchDeleteObjects needs at least one object ID");
   // The request's entity is the nearest one that all the IDs' entities are kinds of.
   const EntityDescription* common = &ids.front().entity();
@@ -373,7 +465,8 @@ Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store, const std::ve
     }
     return {};
   };
-  return runRequest(store, *common, {fmt::format("SELECT Z_PK FROM temp.{}", kIdsTable), {}}, type, fillKeys);
+  return runRequest(store, *common, {fmt::format("SELECT Z_PK FROM temp.{}", kIdsTable), {}}, type,
+                    {progress, rowsPerChunk}, fillKeys);
 }
 
 }  // namespace tesselune

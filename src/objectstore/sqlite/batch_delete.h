@@ -3,8 +3,13 @@
 // triggers made for the request. Contexts are not told and nothing is validated.
 //
 // A request runs in one exclusive transaction: it deletes everything it should or nothing at all,
-// and leaves the connection as it found it (no temporary tables or triggers, recursive_triggers as
-// before). Use the store from one thread at a time, as for any other use of it.
+// and leaves the connection as it found it (no temporary tables or triggers, recursive_triggers and
+// temp_store as before). The selected keys are written once to a temporary table, then deleted a
+// chunk at a time, so that memory stays flat however many rows a request takes: SQLite holds every
+// key of a DELETE that fires triggers in memory until the statement ends. For the same reason a
+// connection that keeps temporary tables in memory is switched to temporary files for the request,
+// which drops any temporary table of its own. Use the store from one thread at a time, as for any
+// other use of it; only the progress may be touched from other threads meanwhile.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +17,7 @@
 #include <vector>
 
 #include "foundation/error.h"
+#include "foundation/progress.h"
 #include "foundation/value.h"
 #include "objectstore/description/entity_description.h"
 #include "objectstore/managed_object_id.h"
@@ -41,23 +47,37 @@ struct BatchDeleteResult {
   std::vector<ManagedObjectID> objectIDs;
 };
 
+// How many of the selected rows one DELETE statement takes. Memory grows with it, not with the
+// request; the benchmark shows that larger chunks gain little speed.
+inline constexpr std::int64_t kBatchDeleteRowsPerChunk = 20000;
+
 // Deletes the selected rows of an entity (and of its sub-entities) with their delete rules. Rows of
-// other entities sharing the table are never deleted by the selection itself.
+// other entities sharing the table are never deleted by the selection itself. The selection runs
+// once, before anything is deleted, so a fetch window selects the rows it did beforehand.
+//
+// A progress, when given (borrowed, for the call), gets the number of selected rows as its total
+// and the rows dealt with so far as its completed count, a chunk at a time. Cancelling it (from any
+// thread) stops the request before its next chunk or before it commits: everything is rolled back
+// and the request fails with NSUserCancelledError (3072, Cocoa domain).
 // Fails, with nothing changed, for a read-only store, for an entity of another model, with 134060
 // when a delete rule cannot be honoured by a batch delete (deny anywhere in the entities reached,
 // a many-to-many relationship with a rule other than nullify or cascade), with 1570 when a nullify
 // would empty a mandatory to-one inverse (checked as each row goes, so also when the row holding
 // it would itself be deleted later by the same request), when a transaction is already open on the
-// store's connection, and for any SQLite failure.
-[[nodiscard]] Expected<BatchDeleteResult> batchDeleteRows(SqliteStore& store, const EntityDescription& entity,
-                                                          const RowSelection& rows,
-                                                          BatchDeleteRequestResultType type);
+// store's connection (it stays open, untouched), and for any SQLite failure. With
+// ResultTypeObjectIDs the result itself grows with the request, one ID per selected row. rowsPerChunk below 1
+// is a programming error: throws std::invalid_argument.
+[[nodiscard]] Expected<BatchDeleteResult> batchDeleteRows(
+    SqliteStore& store, const EntityDescription& entity, const RowSelection& rows,
+    BatchDeleteRequestResultType type, Progress* progress = nullptr,
+    std::int64_t rowsPerChunk = kBatchDeleteRowsPerChunk);
 
 // Deletes the objects with these IDs, as batchDeleteRows does. The IDs must be permanent IDs of this
 // store, all of one entity hierarchy (an Error otherwise); IDs of rows that are gone already are
-// skipped. An empty list is a programming error: throws std::invalid_argument.
-[[nodiscard]] Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store,
-                                                             const std::vector<ManagedObjectID>& ids,
-                                                             BatchDeleteRequestResultType type);
+// skipped (and not counted in the progress). An empty list is a programming error: throws
+// std::invalid_argument.
+[[nodiscard]] Expected<BatchDeleteResult> batchDeleteObjects(
+    SqliteStore& store, const std::vector<ManagedObjectID>& ids, BatchDeleteRequestResultType type,
+    Progress* progress = nullptr, std::int64_t rowsPerChunk = kBatchDeleteRowsPerChunk);
 
 }  // namespace tesselune
