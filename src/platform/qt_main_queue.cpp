@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <QEvent>
+#include <QGuiApplication>
 #include <QObject>
 #include <QThread>
 #include <stdexcept>
@@ -41,6 +42,9 @@ QtMainQueue::QtMainQueue() {
   QCoreApplication* app = QCoreApplication::instance();
   if (app == nullptr) throw std::logic_error("QtMainQueue needs a QCoreApplication");
   mainThread_ = app->thread();
+  // Qt would end the loop as soon as the last window closed, which for a program without windows
+  // is its first alert; with this queue the program ends by quit(), behind the queued alerts.
+  if (qobject_cast<QGuiApplication*>(app) != nullptr) QGuiApplication::setQuitOnLastWindowClosed(false);
   dispatcher_ = new Dispatcher(this);
   dispatcher_->moveToThread(mainThread_);
 }

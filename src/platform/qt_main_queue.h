@@ -21,7 +21,8 @@ namespace tesselune {
 class QtMainQueue : public MainQueue {
  public:
   // Binds to the running QCoreApplication (or QApplication). Make it on the application's thread,
-  // after the application object; throws std::logic_error when there is none.
+  // after the application object; throws std::logic_error when there is none. Turns off Qt's quit
+  // on closing the last window: the program ends through quit() here.
   QtMainQueue();
   ~QtMainQueue() override;
   QtMainQueue(const QtMainQueue&) = delete;
