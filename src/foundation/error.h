@@ -67,6 +67,7 @@ enum CocoaErrorCode : std::int64_t {
   kManagedObjectReferentialIntegrityError = 133000,
   kPropertyListReadCorruptError = 3840,
   kPropertyListWriteInvalidError = 3852,
+  kUserCancelledError = 3072,
   kCoderReadCorruptError = 4864,
   kCoderValueNotFoundError = 4865,
   kCoderInvalidValueError = 4866,

@@ -223,11 +223,8 @@ Expected<bool> recursiveTriggers(Database& db) {
   return *row && statement->integer(0) != 0;
 }
 
-// NSUserCancelledError: the user (here, whoever holds the progress) stopped the work.
-constexpr std::int64_t kUserCancelledErrorCode = 3072;
-
 Error cancelledError(const EntityDescription& entity) {
-  return Error(std::string(kCocoaErrorDomain), kUserCancelledErrorCode,
+  return Error(std::string(kCocoaErrorDomain), kUserCancelledError,
                fmt::format("The batch delete of {} was cancelled; nothing was deleted.", entity.name()));
 }
 
