@@ -6,7 +6,8 @@
 // Prints time, rows per second and peak resident memory of each, and the ratios the engine aims at
 // (batch within 1.5x of plain, at least 20x faster than the context, under 64 MB).
 //
-// Usage: deletion_paths_comparison [rows] [folder]   (defaults: 1000000, the temporary folder)
+// Usage: deletion_paths_comparison [rows] [folder] [path]
+//   defaults: 1000000 rows, a folder in the temporary folder, all three paths (or just the one named)
 
 #include <fmt/format.h>
 #include <sys/resource.h>
@@ -201,6 +202,11 @@ int main(int argc, char** argv) {
   std::printf("generating %lld child rows in %s\n", static_cast<long long>(rows), original.c_str());
   std::fflush(stdout);
   generate(original, rows);
+  if (argc > 3) {
+    const std::string only = argv[3];
+    measure(only.c_str(), only == "batch" ? runBatch : only == "plain" ? runPlain : runContext, original, rows);
+    return 0;
+  }
   const Outcome batch = measure("batch", runBatch, original, rows);
   const Outcome plain = measure("plain", runPlain, original, rows);
   const Outcome context = measure("context", runContext, original, rows);
