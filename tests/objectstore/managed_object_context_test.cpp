@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "fixtures.h"
+#include "foundation/value_transformer.h"
 
 namespace tesselune {
 namespace {
@@ -365,6 +366,42 @@ TEST_F(ContextTest, ObserversUndoHooksAndQueues) {
   context.reset();
   EXPECT_EQ(context.registeredObjectCount(), 0u);
   EXPECT_EQ(alan->managedObjectContext(), nullptr);
+}
+
+// A transformer registered by name writes the stored form; permanent IDs can be had before saving
+// and stay the objects' IDs through the save.
+TEST_F(ContextTest, NamedTransformersAndEarlyPermanentIDs) {
+  class Reversing : public ValueTransformer {
+   public:
+    Expected<Bytes> transformedValue(const Value& value) const override {
+      std::string text = value.asArray().front().asString();
+      return Bytes(text.rbegin(), text.rend());
+    }
+    Expected<Value> reverseTransformedValue(const Bytes& data) const override {
+      return Value(Array{Value(std::string(data.rbegin(), data.rend()))});
+    }
+  };
+  auto xml = std::string(kModel);
+  xml.replace(xml.find(R"(attributeType="Transformable")"), 29,
+              R"(attributeType="Transformable" valueTransformerName="ReversingTransformer")");
+  model_ = *ManagedObjectModel::modelWithXml(xml, "company");
+  ValueTransformer::setValueTransformer(std::make_shared<Reversing>(), "ReversingTransformer");
+  {
+    auto stack = open();
+    auto lin = stack.context->insertNewObjectForEntityForName("Employee");
+    lin->setValue(Value(Array{Value("abc")}), "tags");
+    ASSERT_TRUE(stack.context->obtainPermanentIDsForObjects({lin}));
+    const ManagedObjectID early = lin->objectID();
+    EXPECT_FALSE(early.isTemporaryID());
+    EXPECT_EQ(stack.context->objectRegisteredForID(early), lin);
+    ASSERT_TRUE(stack.context->save());
+    EXPECT_EQ(lin->objectID(), early);
+  }
+  EXPECT_EQ(sql("SELECT CAST(ZTAGS AS TEXT) FROM ZEMPLOYEE"), "cba");
+  auto stack = open();
+  EXPECT_EQ(one(*stack.context, "Employee", "name == 'new hire'")->valueForKey("tags"),
+            Value(Array{Value("abc")}));
+  ValueTransformer::setValueTransformer(nullptr, "ReversingTransformer");
 }
 
 // Two processes on one store: one saves in a loop while the other inserts and batch-deletes. The
