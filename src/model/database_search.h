@@ -1,0 +1,161 @@
+// The protein database search entities: DatabaseSearchResult (one search), DatabaseSearchJoin (a
+// group of searches), the peptide and protein identifications they hold (PeptideID, ProteinID
+// and their joined variants), and the reference objects Peptide, Protein and ProteinGroup.
+//
+// Objects belong to their context and are used on its thread. The parser state of the
+// identifications serves the main application's reader of search-engine result files; this
+// program only carries it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "foundation/predicate.h"
+#include "model/store_object.h"
+#include "objectstore/fetch_request.h"
+
+namespace tesselune {
+
+class DatabaseSearchResult : public StoreObject {
+ public:
+  static FetchRequest fetchRequest() {
+    return FetchRequest::fetchRequestWithEntityName("DatabaseSearchResult");
+  }
+
+  // The name; "" when there is none.
+  std::string databaseSearchResultName() const;
+  // Sets the name only when it differs from the current one, so an equal name posts nothing.
+  void setDatabaseSearchResultName(const std::string& name);
+  // The stored name without notifications (null when there is none).
+  Value primitiveDatabaseSearchResultName() const { return primitiveValueForKey("databaseSearchResultName"); }
+  void setPrimitiveDatabaseSearchResultName(Value name) {
+    setPrimitiveValue(std::move(name), "databaseSearchResultName");
+  }
+
+  Value valueForKey(std::string_view key) const override;
+  void setValueForKey(Value value, std::string_view key) override;
+
+  const std::string& valueString() const { return valueString_; }
+  void setValueString(std::string text) { valueString_ = std::move(text); }
+  bool readCharacters() const { return readCharacters_; }
+  void setReadCharacters(bool read) { readCharacters_ = read; }
+  const Array& sortedProteins() const { return sortedProteins_; }
+  void setSortedProteins(Array proteins) { sortedProteins_ = std::move(proteins); }
+  const Array& sortedPeptides() const { return sortedPeptides_; }
+  void setSortedPeptides(Array peptides) { sortedPeptides_ = std::move(peptides); }
+
+ private:
+  std::string valueString_;
+  bool readCharacters_ = false;
+  Array sortedProteins_;
+  Array sortedPeptides_;
+};
+
+class DatabaseSearchJoin : public StoreObject {
+ public:
+  const Array& sortedProteins() const { return sortedProteins_; }
+  void setSortedProteins(Array proteins) { sortedProteins_ = std::move(proteins); }
+  const Array& sortedPeptides() const { return sortedPeptides_; }
+  void setSortedPeptides(Array peptides) { sortedPeptides_ = std::move(peptides); }
+
+ private:
+  Array sortedProteins_;
+  Array sortedPeptides_;
+};
+
+// Parser state shared by peptide and protein identifications.
+class IdentificationParserState {
+ public:
+  const std::vector<std::string>& xmlAttributeNames() const { return xmlAttributeNames_; }
+  void setXmlAttributeNames(std::vector<std::string> names) { xmlAttributeNames_ = std::move(names); }
+  bool readCharacters() const { return readCharacters_; }
+  void setReadCharacters(bool read) { readCharacters_ = read; }
+  // The text read so far; made empty on first use.
+  std::string& valueString() { return valueString_; }
+  void setValueString(std::string text) { valueString_ = std::move(text); }
+
+ private:
+  std::vector<std::string> xmlAttributeNames_;
+  bool readCharacters_ = false;
+  std::string valueString_;
+};
+
+class PeptideID : public StoreObject {
+ public:
+  static FetchRequest fetchRequest() { return FetchRequest::fetchRequestWithEntityName("PeptideID"); }
+
+  // The deviation of the measured from the calculated mass, in single precision, computed once
+  // and cached in the transient attribute massDeviation: z = charge, m = the value of the key
+  // "mz", c = calculatedMass; (m - 1) * z - c when z > 0, else (m + 1) * z + c.
+  float massDeviation() const;
+  void setMassDeviation(std::optional<float> deviation);
+
+  // chromatogram == $chromatogram AND referenceObjectID == $referenceObjectID, cached until the
+  // object turns into a fault.
+  const Predicate& ionVolumeSearchPredicate() const;
+
+  // Parser state, each read announced to observers of its own key.
+  bool readCharacters() const;
+  void setReadCharacters(bool read) { parser_.setReadCharacters(read); }
+  std::vector<std::string> xmlAttributeNames() const;
+  void setXmlAttributeNames(std::vector<std::string> names) {
+    parser_.setXmlAttributeNames(std::move(names));
+  }
+  std::string& valueString();
+  void setValueString(std::string text) { parser_.setValueString(std::move(text)); }
+  const Dictionary& query() const { return query_; }
+  void setQuery(Dictionary query) { query_ = std::move(query); }
+
+  Value valueForKey(std::string_view key) const override;
+  void setValueForKey(Value value, std::string_view key) override;
+
+ private:
+  IdentificationParserState parser_;
+  Dictionary query_;
+  mutable std::optional<Predicate> ionVolumeSearchPredicate_;
+};
+
+class PeptideIDJoined : public PeptideID {};
+
+class ProteinID : public StoreObject {
+ public:
+  IdentificationParserState& parserState() { return parser_; }
+  const IdentificationParserState& parserState() const { return parser_; }
+
+ private:
+  IdentificationParserState parser_;
+};
+
+class ProteinIDJoined : public ProteinID {};
+
+class Peptide : public StoreObject {
+ public:
+  bool requiresFormatting() const { return requiresFormatting_; }
+  void setRequiresFormatting(bool required) { requiresFormatting_ = required; }
+  // The main application's colour for the mass text.
+  const ObjectPtr& massTextColor() const { return massTextColor_; }
+  void setMassTextColor(ObjectPtr color) { massTextColor_ = std::move(color); }
+  const std::optional<Predicate>& ionVolumeSearchPredicate() const { return ionVolumeSearchPredicate_; }
+  void setIonVolumeSearchPredicate(std::optional<Predicate> predicate) {
+    ionVolumeSearchPredicate_ = std::move(predicate);
+  }
+
+ private:
+  bool requiresFormatting_ = false;
+  ObjectPtr massTextColor_;
+  std::optional<Predicate> ionVolumeSearchPredicate_;
+};
+
+class Protein : public StoreObject {};
+
+class ProteinGroup : public StoreObject {
+ public:
+  bool requiresMembersCount() const { return requiresMembersCount_; }
+  void setRequiresMembersCount(bool required) { requiresMembersCount_ = required; }
+
+ private:
+  bool requiresMembersCount_ = false;
+};
+
+}  // namespace tesselune
