@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "objectstore/managed_object.h"
+#include "objectstore/managed_object_context.h"
 #include "objectstore/sqlite/migration.h"
 
 namespace tesselune {
@@ -159,6 +160,22 @@ Expected<std::unique_ptr<PersistentContainer>> PersistentContainer::persistentCo
   }
   return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
                     fmt::format("No model named “{}” was found in the resource folders.", name)));
+}
+
+PersistentContainer::~PersistentContainer() = default;
+
+ManagedObjectContext& PersistentContainer::viewContext() {
+  if (!viewContext_) {
+    viewContext_ = std::make_unique<ManagedObjectContext>(ManagedObjectContextConcurrencyType::MainQueue);
+    viewContext_->setPersistentStoreCoordinator(coordinator_.get());
+  }
+  return *viewContext_;
+}
+
+std::unique_ptr<ManagedObjectContext> PersistentContainer::newBackgroundContext() const {
+  auto context = std::make_unique<ManagedObjectContext>(ManagedObjectContextConcurrencyType::PrivateQueue);
+  context->setPersistentStoreCoordinator(coordinator_.get());
+  return context;
 }
 
 Url PersistentContainer::defaultDirectoryURL() const {
