@@ -65,6 +65,11 @@ Status PersistentStoreCoordinator::migrate(const std::filesystem::path& path,
   for (const auto& candidate : earlierVersions_) {
     if (candidate->isCompatibleWithStoreMetadata(*metadata)) source = candidate;
   }
+  // Without a bundled version that matches, the model the store cached of itself will do: it is
+  // only taken when its hashes are the store's.
+  if (!source) {
+    if (auto cached = ManagedObjectModel::modelFromStore(path)) source = std::move(*cached);
+  }
   if (!source) {
     return fail(Error(std::string(kCocoaErrorDomain), kMigrationMissingSourceModelError,
                       fmt::format("Can’t find model for source store “{}”.", path.filename().string())));
