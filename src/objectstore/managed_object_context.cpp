@@ -347,6 +347,9 @@ Expected<Array> ManagedObjectContext::executeFetchRequest(const FetchRequest& re
           return fail(s.error());
       }
       if (wantIDs) {
+        // A page of IDs is the common case: room for it at once, within reason.
+        if (request.fetchLimit > 0 && ids.empty())
+          ids.reserve(std::min<std::size_t>(request.fetchLimit, 4096));
         for (;;) {
           auto row = statement.step();
           if (!row) return fail(row.error());

@@ -403,17 +403,18 @@ Expected<std::optional<std::int64_t>> useTemporaryFiles(Database& db) {
   return std::optional<std::int64_t>(setting);
 }
 
-// Runs a request in one exclusive transaction with recursive triggers on (cascades through a tree
-// of one entity), and leaves no temporary object behind, whether it succeeds or fails. Settings are
-// read and changed only when the request needs them: recursive_triggers when it has triggers,
-// temp_store when its work fills the key table (`usesRowsTable`).
-using DeleteWork = std::function<Expected<BatchDeleteResult>(const TriggerPlan&)>;
-
+// Runs fixed SQL (BEGIN, COMMIT) through the connection's kept statements.
 Status runCached(Database& db, std::string_view sql) {
   auto statement = db.cached(sql);
   if (!statement) return fail(statement.error());
   return (*statement)->run();
 }
+
+// Runs a request in one exclusive transaction with recursive triggers on (cascades through a tree
+// of one entity), and leaves no temporary object behind, whether it succeeds or fails. Settings are
+// read and changed only when the request needs them: recursive_triggers when it has triggers,
+// temp_store when its work fills the key table (`usesRowsTable`).
+using DeleteWork = std::function<Expected<BatchDeleteResult>(const TriggerPlan&)>;
 
 Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescription& entity,
                                        const Chunking& chunking, bool usesRowsTable, const DeleteWork& work) {
@@ -514,10 +515,12 @@ Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store, const std::ve
                                                std::int64_t rowsPerChunk) {
   if (ids.empty()) throw std::invalid_argument("batchDeleteObjects needs at least one object ID");
   // The request's entity is the nearest one that all the IDs' entities are kinds of.
+  // IDs mostly come as pages of one entity: each entity is looked up once in a row of them.
   const EntityDescription* common = &ids.front().entity();
+  const EntityDescription* checked = nullptr;
   for (const ManagedObjectID& id : ids) {
     if (id.isTemporaryID() || id.storeIdentifier() != store.identifier() ||
-        !store.entityNumber(id.entity())) {
+        (&id.entity() != checked && !store.entityNumber(id.entity()))) {
       return fail(coreDataError(fmt::format("The object ID {} is not of an object in the store “{}”.",
                                             id.URIRepresentation().absoluteString(),
                                             store.path().filename().string())));
@@ -528,6 +531,7 @@ Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store, const std::ve
           "A batch delete takes objects of one entity hierarchy; {} and {} are of different ones.",
           ids.front().entity().name(), id.entity().name())));
     }
+    checked = &id.entity();
   }
   // Explicit keys need no selection table: each chunk binds its keys as one JSON array, which
   // keeps a request of a thousand IDs as cheap as the DELETE itself.
