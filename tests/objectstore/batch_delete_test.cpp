@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "fixtures.h"
+#include "objectstore/managed_object_context.h"
 
 namespace tesselune {
 namespace {
@@ -556,6 +557,64 @@ TEST_F(BatchDeleteTest, KeptStatementsOfAConnection) {
   EXPECT_EQ(open, static_cast<int>(Database::kStatementCacheSize));
   db.clearStatementCache();
   EXPECT_EQ(sqlite3_next_stmt(db.handle(), nullptr), nullptr);
+}
+
+// A context hands each store its own IDs, whatever their order in the request, and refuses a
+// request naming a store it does not have before touching any.
+TEST_F(BatchDeleteTest, AContextSplitsIDsBetweenItsStores) {
+  store_.reset();
+  const fs::path second = test::scratchFolder("batch-delete-second") / "Second.sqlite";
+  PersistentStoreCoordinator coordinator(model_);
+  for (const fs::path& path : {path_, second}) {
+    ASSERT_TRUE(coordinator.addPersistentStore(
+        PersistentStoreDescription::persistentStoreDescriptionWithURL(Url::fileUrl(path.string(), false))));
+  }
+  const std::vector<SqliteStore*> stores = coordinator.persistentStores();
+  ASSERT_EQ(stores.size(), 2u);
+  for (SqliteStore* store : stores) {
+    ASSERT_TRUE(
+        store->database().execute("INSERT INTO ZLABEL (Z_PK, Z_ENT, Z_OPT) VALUES (1, 11, 1), "
+                                  "(2, 11, 1), (3, 11, 1)"));
+  }
+  ManagedObjectContext context(ManagedObjectContextConcurrencyType::PrivateQueue);
+  context.setPersistentStoreCoordinator(&coordinator);
+  auto label = [&](std::size_t store, std::int64_t key) {
+    return ManagedObjectID::permanent(entity("Label"), stores[store]->identifier(), key);
+  };
+  auto left = [&](std::size_t store) {
+    std::vector<std::int64_t> keys;
+    auto statement = stores[store]->database().prepare("SELECT Z_PK FROM ZLABEL ORDER BY Z_PK");
+    while (statement && statement->step().value_or(false)) keys.push_back(statement->integer(0));
+    return keys;
+  };
+
+  auto stranger = SqliteStore::create(test::scratchFolder("batch-delete-stranger") / "S.sqlite", model_, {});
+  ASSERT_TRUE(stranger);
+  for (const ManagedObjectID& bad :
+       {ManagedObjectID::permanent(entity("Label"), (*stranger)->identifier(), 1),
+        ManagedObjectID::temporary(entity("Label"))}) {
+    auto request = BatchDeleteRequest::initWithObjectIDs({label(0, 1), label(1, 1), bad});
+    EXPECT_FALSE(context.executeRequest(request));
+  }
+  EXPECT_EQ(left(0), (std::vector<std::int64_t>{1, 2, 3}));
+  EXPECT_EQ(left(1), (std::vector<std::int64_t>{1, 2, 3}));
+
+  auto mixed = BatchDeleteRequest::initWithObjectIDs({label(1, 3), label(0, 1), label(1, 1), label(0, 2)});
+  mixed.resultType = ResultTypeObjectIDs;
+  auto result = context.executeRequest(mixed);
+  ASSERT_TRUE(result) << result.error().debugDescription();
+  EXPECT_EQ(result->count, 4);
+  EXPECT_EQ(result->objectIDs,
+            (std::vector<ManagedObjectID>{label(0, 1), label(0, 2), label(1, 1), label(1, 3)}));
+  EXPECT_EQ(left(0), (std::vector<std::int64_t>{3}));
+  EXPECT_EQ(left(1), (std::vector<std::int64_t>{2}));
+
+  // All of one store: handed over whole.
+  auto single = BatchDeleteRequest::initWithObjectIDs({label(1, 2)});
+  result = context.executeRequest(single);
+  ASSERT_TRUE(result) << result.error().debugDescription();
+  EXPECT_EQ(left(0), (std::vector<std::int64_t>{3}));
+  EXPECT_EQ(left(1), std::vector<std::int64_t>{});
 }
 
 TEST(BatchDeleteFixture, DeletingTheCountriesOfAStoreCoreDataWrote) {
