@@ -338,26 +338,31 @@ Expected<Array> ManagedObjectContext::executeFetchRequest(const FetchRequest& re
       auto compiled =
           compileFetch(*store, request, wantIDs ? FetchSelection::ObjectIDs : FetchSelection::Rows);
       if (!compiled) return fail(compiled.error());
-      auto statement = store->database().prepare(compiled->sql);
-      if (!statement) return fail(statement.error());
+      // Pages of one request differ only in their bound values: the connection keeps the statement.
+      auto cached = store->database().cached(compiled->sql);
+      if (!cached) return fail(cached.error());
+      Statement& statement = **cached;
       for (std::size_t i = 0; i < compiled->bindings.size(); ++i) {
-        if (auto s = statement->bind(static_cast<int>(i) + 1, compiled->bindings[i]); !s)
+        if (auto s = statement.bind(static_cast<int>(i) + 1, compiled->bindings[i]); !s)
           return fail(s.error());
       }
       if (wantIDs) {
+        // A page of IDs is the common case: room for it at once, within reason.
+        if (request.fetchLimit > 0 && ids.empty())
+          ids.reserve(std::min<std::size_t>(request.fetchLimit, 4096));
         for (;;) {
-          auto row = statement->step();
+          auto row = statement.step();
           if (!row) return fail(row.error());
           if (!*row) break;
-          const EntityDescription* entity = store->entityForNumber(statement->integer(1));
+          const EntityDescription* entity = store->entityForNumber(statement.integer(1));
           if (entity == nullptr) continue;
-          const auto id = ManagedObjectID::permanent(*entity, store->identifier(), statement->integer(0));
+          const auto id = ManagedObjectID::permanent(*entity, store->identifier(), statement.integer(0));
           auto registered = registered_.find(id);
           if (registered != registered_.end() && registered->second->isDeleted()) continue;
           ids.push_back(valueWithObjectID(id));
         }
       } else {
-        auto objects = objectsFromRows(*store, *statement);
+        auto objects = objectsFromRows(*store, statement);
         if (!objects) return fail(objects.error());
         for (auto& object : *objects) {
           if (object->isDeleted()) continue;
@@ -468,14 +473,31 @@ Expected<BatchDeleteResult> ManagedObjectContext::executeRequest(const BatchDele
   }
   if (request.objectIDs.empty())
     throw std::invalid_argument("a batch delete needs a fetch request or object IDs");
-  std::map<SqliteStore*, std::vector<ManagedObjectID>> byStore;
+  // Requests come a page of IDs at a time, mostly of one store: the stores are looked up once, and
+  // the IDs are handed over as they are unless they have to be split between stores.
+  const std::vector<SqliteStore*> stores = coordinator_->persistentStores();
+  std::vector<std::size_t> storeOfID;
+  storeOfID.reserve(request.objectIDs.size());
+  std::size_t last = 0;
+  bool oneStore = true;
   for (const ManagedObjectID& id : request.objectIDs) {
-    SqliteStore* store = id.isTemporaryID() ? nullptr : storeFor(id);
-    if (store == nullptr) return fail(noStore(id));
-    byStore[store].push_back(id);
+    if (id.isTemporaryID()) return fail(noStore(id));
+    if (last >= stores.size() || stores[last]->identifier() != id.storeIdentifier()) {
+      last = 0;
+      while (last < stores.size() && stores[last]->identifier() != id.storeIdentifier()) ++last;
+      if (last == stores.size()) return fail(noStore(id));
+    }
+    oneStore = oneStore && (storeOfID.empty() || storeOfID.front() == last);
+    storeOfID.push_back(last);
   }
-  for (auto& [store, ids] : byStore) {
-    auto result = batchDeleteObjects(*store, ids, request.resultType);
+  if (oneStore) return batchDeleteObjects(*stores[storeOfID.front()], request.objectIDs, request.resultType);
+  for (std::size_t index = 0; index < stores.size(); ++index) {
+    std::vector<ManagedObjectID> ids;
+    for (std::size_t i = 0; i < request.objectIDs.size(); ++i) {
+      if (storeOfID[i] == index) ids.push_back(request.objectIDs[i]);
+    }
+    if (ids.empty()) continue;
+    auto result = batchDeleteObjects(*stores[index], ids, request.resultType);
     if (!result) return fail(result.error());
     add(*result);
   }

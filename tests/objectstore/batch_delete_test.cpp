@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "fixtures.h"
+#include "objectstore/managed_object_context.h"
 
 namespace tesselune {
 namespace {
@@ -466,6 +467,154 @@ TEST_F(BatchDeleteTest, KeepsWorkingWithCoreDataOwnTriggers) {
   ASSERT_TRUE(result) << result.error().debugDescription();
   EXPECT_EQ(rows("SELECT Z_PK FROM ZCAR ORDER BY Z_PK"), (std::vector<std::string>{"4"}));
   EXPECT_EQ(one("SELECT count(*) FROM sqlite_master WHERE type = 'trigger'"), "1");
+}
+
+// Requests of IDs reuse the connection's prepared DELETE: each must still see its own triggers, and
+// none of another request's.
+TEST_F(BatchDeleteTest, RequestsInARowOnOneConnection) {
+  insertPeople();
+  insertLabels(3, 6);
+  // Ann is a Person and Bob an Employee, both in ZPERSON.
+  for (std::int64_t person : {1, 2}) {
+    const ManagedObjectID target = id(person == 1 ? "Person" : "Employee", person);
+    auto result = batchDeleteObjects(*store_, {target}, ResultTypeObjectIDs);
+    ASSERT_TRUE(result) << result.error().debugDescription();
+    EXPECT_EQ(result->objectIDs, std::vector<ManagedObjectID>{target});
+    // Labels have no rules of their own: a request without triggers between two with them.
+    result = batchDeleteObjects(*store_, {id("Label", person + 2)}, ResultTypeCount);
+    ASSERT_TRUE(result) << result.error().debugDescription();
+    EXPECT_EQ(result->count, 1);
+  }
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZCAR ORDER BY Z_PK"), (std::vector<std::string>{"4"}));
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZPASSPORT"), std::vector<std::string>{});
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZLABEL ORDER BY Z_PK"), (std::vector<std::string>{"2", "5", "6"}));
+
+  // A failed request (a mandatory inverse) between two that go through on the same connection.
+  sql("INSERT INTO ZHOLDER (Z_PK, Z_ENT, Z_OPT) VALUES (1, 9, 1), (2, 9, 1)");
+  sql("INSERT INTO ZBADGE (Z_PK, Z_ENT, Z_OPT, ZHOLDER) VALUES (1, 9, 1, 2)");
+  EXPECT_TRUE(batchDeleteObjects(*store_, {id("Holder", 1)}, ResultTypeCount));
+  auto refused = batchDeleteObjects(*store_, {id("Holder", 2)}, ResultTypeCount);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code(), 1570);
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZHOLDER"), (std::vector<std::string>{"2"}));
+  auto last = batchDeleteObjects(*store_, {id("Customer", 3)}, ResultTypeCount);
+  ASSERT_TRUE(last) << last.error().debugDescription();
+  EXPECT_EQ(rows("SELECT Z_PK FROM ZCAR"), std::vector<std::string>{});
+  expectNoTemporaryObjects();
+  EXPECT_EQ(one("PRAGMA integrity_check"), "ok");
+}
+
+TEST_F(BatchDeleteTest, KeptStatementsOfAConnection) {
+  Database& db = store_->database();
+  insertLabels(1, 3);
+  const std::string query = "SELECT Z_PK FROM ZLABEL WHERE Z_PK >= ? ORDER BY Z_PK";
+  {
+    auto outer = db.cached(query);
+    ASSERT_TRUE(outer) << outer.error().debugDescription();
+    ASSERT_TRUE((*outer)->bind(1, Value(2)));
+    ASSERT_TRUE((*outer)->step().value_or(false));
+    EXPECT_EQ((*outer)->integer(0), 2);
+    // The same SQL while the first is out: a statement of its own, from the first row.
+    auto inner = db.cached(query);
+    ASSERT_TRUE(inner);
+    ASSERT_TRUE((*inner)->bind(1, Value(1)));
+    ASSERT_TRUE((*inner)->step().value_or(false));
+    EXPECT_EQ((*inner)->integer(0), 1);
+    // The outer one goes on where it was.
+    ASSERT_TRUE((*outer)->step().value_or(false));
+    EXPECT_EQ((*outer)->integer(0), 3);
+  }
+  // Given back mid-way: reset, so it holds no read transaction and no bindings.
+  EXPECT_NE(sqlite3_get_autocommit(db.handle()), 0);
+  for (sqlite3_stmt* s = sqlite3_next_stmt(db.handle(), nullptr); s; s = sqlite3_next_stmt(db.handle(), s))
+    EXPECT_EQ(sqlite3_stmt_busy(s), 0);
+  {
+    auto again = db.cached(query);
+    ASSERT_TRUE(again);
+    // An unbound parameter is NULL, so nothing matches.
+    EXPECT_FALSE((*again)->step().value_or(true));
+  }
+  // A kept statement follows the schema: after the table is rebuilt with another column it still
+  // runs, and a failing SQL fails as prepare does.
+  sql("DROP TABLE ZLABEL");
+  sql("CREATE TABLE ZLABEL (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZEXTRA TEXT)");
+  sql("INSERT INTO ZLABEL VALUES (7, 11, 1, 'x')");
+  {
+    auto after = db.cached(query);
+    ASSERT_TRUE(after);
+    ASSERT_TRUE((*after)->bind(1, Value(0)));
+    ASSERT_TRUE((*after)->step().value_or(false));
+    EXPECT_EQ((*after)->integer(0), 7);
+  }
+  EXPECT_FALSE(db.cached("SELECT * FROM ZNOSUCHTABLE"));
+
+  // The cache stays bounded however many different statements pass through it.
+  for (std::size_t i = 0; i < Database::kStatementCacheSize * 3; ++i)
+    ASSERT_TRUE(db.cached(fmt::format("SELECT {}", i)));
+  int open = 0;
+  for (sqlite3_stmt* s = sqlite3_next_stmt(db.handle(), nullptr); s; s = sqlite3_next_stmt(db.handle(), s))
+    ++open;
+  EXPECT_EQ(open, static_cast<int>(Database::kStatementCacheSize));
+  db.clearStatementCache();
+  EXPECT_EQ(sqlite3_next_stmt(db.handle(), nullptr), nullptr);
+}
+
+// A context hands each store its own IDs, whatever their order in the request, and refuses a
+// request naming a store it does not have before touching any.
+TEST_F(BatchDeleteTest, AContextSplitsIDsBetweenItsStores) {
+  store_.reset();
+  const fs::path second = test::scratchFolder("batch-delete-second") / "Second.sqlite";
+  PersistentStoreCoordinator coordinator(model_);
+  for (const fs::path& path : {path_, second}) {
+    ASSERT_TRUE(coordinator.addPersistentStore(
+        PersistentStoreDescription::persistentStoreDescriptionWithURL(Url::fileUrl(path.string(), false))));
+  }
+  const std::vector<SqliteStore*> stores = coordinator.persistentStores();
+  ASSERT_EQ(stores.size(), 2u);
+  for (SqliteStore* store : stores) {
+    ASSERT_TRUE(
+        store->database().execute("INSERT INTO ZLABEL (Z_PK, Z_ENT, Z_OPT) VALUES (1, 11, 1), "
+                                  "(2, 11, 1), (3, 11, 1)"));
+  }
+  ManagedObjectContext context(ManagedObjectContextConcurrencyType::PrivateQueue);
+  context.setPersistentStoreCoordinator(&coordinator);
+  auto label = [&](std::size_t store, std::int64_t key) {
+    return ManagedObjectID::permanent(entity("Label"), stores[store]->identifier(), key);
+  };
+  auto left = [&](std::size_t store) {
+    std::vector<std::int64_t> keys;
+    auto statement = stores[store]->database().prepare("SELECT Z_PK FROM ZLABEL ORDER BY Z_PK");
+    while (statement && statement->step().value_or(false)) keys.push_back(statement->integer(0));
+    return keys;
+  };
+
+  auto stranger = SqliteStore::create(test::scratchFolder("batch-delete-stranger") / "S.sqlite", model_, {});
+  ASSERT_TRUE(stranger);
+  for (const ManagedObjectID& bad :
+       {ManagedObjectID::permanent(entity("Label"), (*stranger)->identifier(), 1),
+        ManagedObjectID::temporary(entity("Label"))}) {
+    auto request = BatchDeleteRequest::initWithObjectIDs({label(0, 1), label(1, 1), bad});
+    EXPECT_FALSE(context.executeRequest(request));
+  }
+  EXPECT_EQ(left(0), (std::vector<std::int64_t>{1, 2, 3}));
+  EXPECT_EQ(left(1), (std::vector<std::int64_t>{1, 2, 3}));
+
+  auto mixed = BatchDeleteRequest::initWithObjectIDs({label(1, 3), label(0, 1), label(1, 1), label(0, 2)});
+  mixed.resultType = ResultTypeObjectIDs;
+  auto result = context.executeRequest(mixed);
+  ASSERT_TRUE(result) << result.error().debugDescription();
+  EXPECT_EQ(result->count, 4);
+  EXPECT_EQ(result->objectIDs,
+            (std::vector<ManagedObjectID>{label(0, 1), label(0, 2), label(1, 1), label(1, 3)}));
+  EXPECT_EQ(left(0), (std::vector<std::int64_t>{3}));
+  EXPECT_EQ(left(1), (std::vector<std::int64_t>{2}));
+
+  // All of one store: handed over whole.
+  auto single = BatchDeleteRequest::initWithObjectIDs({label(1, 2)});
+  result = context.executeRequest(single);
+  ASSERT_TRUE(result) << result.error().debugDescription();
+  EXPECT_EQ(left(0), (std::vector<std::int64_t>{3}));
+  EXPECT_EQ(left(1), std::vector<std::int64_t>{});
 }
 
 TEST(BatchDeleteFixture, DeletingTheCountriesOfAStoreCoreDataWrote) {

@@ -8,8 +8,11 @@
 // chunk at a time, so that memory stays flat however many rows a request takes: SQLite holds every
 // key of a DELETE that fires triggers in memory until the statement ends. For the same reason a
 // connection that keeps temporary tables in memory is switched to temporary files for the request,
-// which drops any temporary table of its own. Use the store from one thread at a time, as for any
-// other use of it; only the progress may be touched from other threads meanwhile.
+// which drops any temporary table of its own. Requests by object IDs need no key table: they bind
+// each chunk's keys to a DELETE that the connection keeps prepared between requests (see
+// Database::cached), since a program deletes a page of IDs at a time and each page would otherwise
+// pay for preparing it again. Use the store from one thread at a time, as for any other use of it;
+// only the progress may be touched from other threads meanwhile.
 #pragma once
 
 #include <cstdint>

@@ -165,6 +165,18 @@ Value Statement::value(int column) const {
   }
 }
 
+// --- CachedStatement ---
+
+CachedStatement::CachedStatement(CachedStatement&& other) noexcept
+    : database_(other.database_), sql_(std::move(other.sql_)), statement_(std::move(other.statement_)) {
+  other.database_ = nullptr;
+}
+
+CachedStatement::~CachedStatement() {
+  if (database_ != nullptr && statement_.statement_ != nullptr)
+    database_->giveBack(std::move(sql_), std::move(statement_));
+}
+
 // --- Database ---
 
 Expected<std::unique_ptr<Database>> Database::open(const std::filesystem::path& path, Mode mode,
@@ -193,6 +205,7 @@ Expected<std::unique_ptr<Database>> Database::open(const std::filesystem::path& 
 }
 
 Database::~Database() {
+  idle_.clear();
   sqlite3_close_v2(db_);
 }
 
@@ -223,6 +236,30 @@ Expected<Statement> Database::prepare(std::string_view sql) {
     return fail(error(rc, sql));
   }
   return Statement(this, statement, std::string(sql));
+}
+
+Expected<CachedStatement> Database::cached(std::string_view sql) {
+  for (auto it = idle_.rbegin(); it != idle_.rend(); ++it) {
+    if (it->first != sql) continue;
+    auto entry = std::move(*it);
+    idle_.erase(std::next(it).base());
+    return CachedStatement(this, std::move(entry.first), std::move(entry.second));
+  }
+  auto statement = prepare(sql);
+  if (!statement) return fail(statement.error());
+  return CachedStatement(this, std::string(sql), std::move(*statement));
+}
+
+void Database::giveBack(std::string sql, Statement statement) {
+  // A statement left mid-way would keep its read transaction open.
+  sqlite3_reset(statement.statement_);
+  sqlite3_clear_bindings(statement.statement_);
+  if (idle_.size() >= kStatementCacheSize) idle_.erase(idle_.begin());
+  idle_.emplace_back(std::move(sql), std::move(statement));
+}
+
+void Database::clearStatementCache() {
+  idle_.clear();
 }
 
 Status Database::execute(std::string_view sql) {

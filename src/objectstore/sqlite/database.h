@@ -2,16 +2,20 @@
 // failures become our Error (with the SQL and the file in the text).
 //
 // A Database is one connection; use it from one thread at a time. Statements borrow their database
-// and must not outlive it. Every value reaches SQL through a bound parameter.
+// and must not outlive it. Every value reaches SQL through a bound parameter. A connection keeps a
+// few prepared statements for SQL that is run again and again (see Database::cached); they belong to
+// the connection and follow its thread rule.
 #pragma once
 
 #include <sqlite3.h>
 
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/error.h"
 #include "foundation/value.h"
@@ -48,12 +52,35 @@ class Statement {
 
  private:
   friend class Database;
+  friend class CachedStatement;
   Statement(Database* database, sqlite3_stmt* statement, std::string sql)
       : database_(database), statement_(statement), sql_(std::move(sql)) {}
 
   Database* database_ = nullptr;
   sqlite3_stmt* statement_ = nullptr;
   std::string sql_;
+};
+
+// A statement lent by a connection's cache: use it like a Statement (through -> or *); when the
+// handle goes, the statement is reset, its bindings cleared, and it goes back to the cache. It
+// borrows the connection, so it must not outlive it; moving the handle moves the loan.
+class CachedStatement {
+ public:
+  CachedStatement(CachedStatement&& other) noexcept;
+  CachedStatement& operator=(CachedStatement&&) = delete;
+  ~CachedStatement();
+
+  Statement& operator*() { return statement_; }
+  Statement* operator->() { return &statement_; }
+
+ private:
+  friend class Database;
+  CachedStatement(Database* database, std::string sql, Statement statement)
+      : database_(database), sql_(std::move(sql)), statement_(std::move(statement)) {}
+
+  Database* database_;
+  std::string sql_;
+  Statement statement_;
 };
 
 class Database {
@@ -71,6 +98,15 @@ class Database {
   Database& operator=(const Database&) = delete;
 
   [[nodiscard]] Expected<Statement> prepare(std::string_view sql);
+  // The statement for `sql`, prepared once and kept by the connection for the next call (at most
+  // kStatementCacheSize of them, the least recently returned going first). Meant for fixed SQL that
+  // a caller runs many times; SQLite prepares a kept statement again by itself when the schema
+  // changes. While a handle is out its SQL is prepared afresh for anyone else who asks, so nested
+  // uses of the same SQL are safe. Fails as prepare does.
+  [[nodiscard]] Expected<CachedStatement> cached(std::string_view sql);
+  // Drops every kept statement (before a change that must not meet a prepared statement).
+  void clearStatementCache();
+  static constexpr std::size_t kStatementCacheSize = 16;
   // Runs statements that bind nothing.
   [[nodiscard]] Status execute(std::string_view sql);
   [[nodiscard]] Expected<bool> tableExists(std::string_view name);
@@ -82,11 +118,15 @@ class Database {
   Error error(int code, std::string_view sql) const;
 
  private:
+  friend class CachedStatement;
   Database(sqlite3* db, std::filesystem::path path) : db_(db), path_(std::move(path)) {}
   [[nodiscard]] Status registerTriggerFunctions();
+  void giveBack(std::string sql, Statement statement);
 
   sqlite3* db_;
   std::filesystem::path path_;
+  // Idle kept statements, most recently returned last; few enough that a linear search is best.
+  std::vector<std::pair<std::string, Statement>> idle_;
 };
 
 }  // namespace tesselune
