@@ -43,12 +43,8 @@ Error refusal(const fs::path& folder, std::string_view why) {
 }
 
 // The real location of the data folder when it may be removed: a folder that lies, links
-// followed, strictly inside the data library. A path stored as absolute is never taken, although
-// appending it to the library would put it inside: the main application never writes one.
-Expected<fs::path> removableFolder(const fs::path& folder, const Value& relativePath,
-                                   const std::optional<Url>& library) {
-  if (relativePath.isString() && fs::path(relativePath.asString()).is_absolute())
-    return fail(refusal(folder, "its path is absolute"));
+// followed, strictly inside the data library.
+Expected<fs::path> removableFolder(const fs::path& folder, const std::optional<Url>& library) {
   if (!library || !library->isFileUrl()) return fail(refusal(folder, "the data library is unknown"));
   std::error_code ec;
   const fs::path realLibrary = fs::canonical(library->path(), ec);
@@ -65,7 +61,8 @@ Expected<fs::path> removableFolder(const fs::path& folder, const Value& relative
 Status removeFolder(const fs::path& folder, const fs::path& realFolder) {
   std::error_code ec;
   fs::remove_all(realFolder, ec);
-  if (!ec && fs::is_symlink(fs::symlink_status(folder, ec)) && !ec) fs::remove(folder, ec);
+  std::error_code linkError;  // a folder that was no link is gone now: not found is no failure
+  if (!ec && fs::is_symlink(fs::symlink_status(folder, linkError))) fs::remove(folder, ec);
   if (ec) {
     return fail(Error(std::string(kPosixErrorDomain), ec.value(),
                       fmt::format("\u201c{}\u201d couldn\u2019t be removed. {}.",
@@ -185,11 +182,15 @@ void Chromatogram::removeDataFolder(const DeletionSupport& support) {
   const std::optional<Url> url = dataFolderURL();
   if (!url || !url->isFileUrl()) return;
   const fs::path folder = url->path();
+  const Value relativePath = valueForKey(kDataFolderRelativePath);
+  // An absolute path is refused before it is looked for: whatever it names is no data folder.
+  const bool absolute = relativePath.isString() && fs::path(relativePath.asString()).is_absolute();
   std::error_code ec;
-  if (!fs::exists(folder, ec) || ec) return;
+  if (!absolute && (!fs::exists(folder, ec) || ec)) return;
 
   const std::optional<Url> library = environment() ? environment()->defaultDirectoryURL() : std::nullopt;
-  Expected<fs::path> realFolder = removableFolder(folder, valueForKey(kDataFolderRelativePath), library);
+  Expected<fs::path> realFolder = absolute ? Expected<fs::path>(fail(refusal(folder, "its path is absolute")))
+                                           : removableFolder(folder, library);
   Status removed = realFolder ? removeFolder(folder, *realFolder) : Status(fail(realFolder.error()));
   if (removed) return;
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
 #include <functional>
@@ -109,6 +110,41 @@ class FixedGroupContainers : public GroupContainerLocator {
   std::optional<Url> container_;
 };
 
+// A progress reporter that keeps its state and the history of what it was told.
+class RecordingReporter : public ProgressReporter {
+ public:
+  std::int64_t indicatorValue() const override { return indicator; }
+  void setIndicatorValue(std::int64_t value) override { indicator = value; }
+  double maximumIndicatorValue() const override { return maximum; }
+  void setMaximumIndicatorValue(double value) override {
+    maximum = value;
+    maxima.push_back(value);
+  }
+  void setInfoText(const std::string& text) override { texts.push_back(text); }
+  void incrementProgressbarBy(double delta) override {
+    indicator += static_cast<std::int64_t>(delta);
+    ++increments;
+  }
+
+  std::int64_t indicator = 0;
+  double maximum = 0;
+  std::vector<double> maxima;
+  std::vector<std::string> texts;
+  int increments = 0;
+};
+
+// Runs SQL on a store file directly, beside the engine (triggers that make deletes fail).
+inline void runSql(const fs::path& store, const std::string& sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(store.c_str(), &db), SQLITE_OK);
+  char* message = nullptr;
+  const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message);
+  const std::string text = message ? message : "";
+  sqlite3_free(message);
+  sqlite3_close(db);
+  ASSERT_EQ(rc, SQLITE_OK) << text;
+}
+
 // Every seam faked; the group container is `group`, or none when it is empty.
 struct FakeServices {
   std::shared_ptr<RecordingAlerts> alerts = std::make_shared<RecordingAlerts>();
@@ -176,6 +212,7 @@ class DeletionTest : public ::testing::Test {
   }
   fs::path library() const { return group_ / "Tesselune Data Library"; }
   fs::path temporaryFolder() const { return library() / "temporaryFiles"; }
+  fs::path storeFile() const { return library() / "TesseluneStore.tesselune"; }
 
   // A context of its own on the container's store, for making and checking objects.
   std::unique_ptr<ManagedObjectContext> newContext() const {
