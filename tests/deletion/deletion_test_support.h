@@ -240,6 +240,16 @@ class DeletionTest : public ::testing::Test {
       child->setValue(Value(ObjectPtr(owner)), inverse);
     }
   }
+  // As insertChildren, for many: set through the owner's to-many `relationship` in one go, which
+  // keeps the engine's inverse upkeep linear.
+  static void insertManyChildren(ManagedObjectContext& context, const std::shared_ptr<ManagedObject>& owner,
+                                 const std::string& entity, const std::string& relationship, int n) {
+    Array children;
+    children.reserve(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i)
+      children.emplace_back(ObjectPtr(context.insertNewObjectForEntityForName(entity)));
+    owner->setValue(Value(ValueSet(children)), relationship);
+  }
   // A chromatogram whose data folder is `relativePath` (none when empty).
   static std::shared_ptr<Chromatogram> insertChromatogram(ManagedObjectContext& context,
                                                           const std::string& name,
