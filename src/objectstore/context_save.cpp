@@ -401,6 +401,13 @@ class ContextSaver {
   }
 
   Status writeUpdated(SqliteStore& store, ManagedObject& object) {
+    // Changes of transient properties live in memory only.
+    const bool stored =
+        std::any_of(object.changed_.begin(), object.changed_.end(), [&](const std::string& key) {
+          auto found = object.entity().propertiesByName().find(key);
+          return found != object.entity().propertiesByName().end() && !found->second->isTransient();
+        });
+    if (!stored) return {};
     Database& db = store.database();
     const std::string table = SqliteStore::tableName(object.entity());
     auto update = [&](std::int64_t expected, bool checkVersion) -> Expected<bool> {

@@ -100,13 +100,14 @@ Value ManagedObject::valueForKey(std::string_view key) const {
 }
 
 void ManagedObject::setPrimitiveValue(Value value, std::string_view key) {
-  if (property(key) == nullptr) {
+  const PropertyDescription* p = property(key);
+  if (p == nullptr) {
     throw std::invalid_argument(
         fmt::format("{} has no property \"{}\"", entity_ ? entity_->name() : "?", key));
   }
   fireFault();
   values_.insert_or_assign(std::string(key), std::move(value));
-  markChanged(key);
+  if (!p->isTransient()) markChanged(key);
 }
 
 void ManagedObject::markChanged(std::string_view key) {

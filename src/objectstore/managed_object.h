@@ -55,8 +55,10 @@ class ManagedObject : public ObjectWithID {
   Value valueForKey(std::string_view key) const override;
   // Sets an attribute or relationship with will/did-change notifications, keeping inverses in
   // step and registering the undo with the context's undo manager.
-  void setValue(Value value, std::string_view key);
-  // The stored value without notifications, inverse upkeep or undo; fires the fault.
+  // Entity classes with hand-written setters override it and hand other keys on.
+  virtual void setValue(Value value, std::string_view key);
+  // The stored value without notifications, inverse upkeep or undo; fires the fault. Setting a
+  // transient property this way (a cache) does not make the object changed.
   Value primitiveValueForKey(std::string_view key) const;
   void setPrimitiveValue(Value value, std::string_view key);
 

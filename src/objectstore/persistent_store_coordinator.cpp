@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "objectstore/managed_object.h"
+#include "objectstore/managed_object_context.h"
 #include "objectstore/sqlite/migration.h"
 
 namespace tesselune {
@@ -63,6 +64,11 @@ Status PersistentStoreCoordinator::migrate(const std::filesystem::path& path,
   std::shared_ptr<const ManagedObjectModel> source;
   for (const auto& candidate : earlierVersions_) {
     if (candidate->isCompatibleWithStoreMetadata(*metadata)) source = candidate;
+  }
+  // Without a bundled version that matches, the model the store cached of itself will do: it is
+  // only taken when its hashes are the store's.
+  if (!source) {
+    if (auto cached = ManagedObjectModel::modelFromStore(path)) source = std::move(*cached);
   }
   if (!source) {
     return fail(Error(std::string(kCocoaErrorDomain), kMigrationMissingSourceModelError,
@@ -159,6 +165,22 @@ Expected<std::unique_ptr<PersistentContainer>> PersistentContainer::persistentCo
   }
   return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
                     fmt::format("No model named “{}” was found in the resource folders.", name)));
+}
+
+PersistentContainer::~PersistentContainer() = default;
+
+ManagedObjectContext& PersistentContainer::viewContext() {
+  if (!viewContext_) {
+    viewContext_ = std::make_unique<ManagedObjectContext>(ManagedObjectContextConcurrencyType::MainQueue);
+    viewContext_->setPersistentStoreCoordinator(coordinator_.get());
+  }
+  return *viewContext_;
+}
+
+std::unique_ptr<ManagedObjectContext> PersistentContainer::newBackgroundContext() const {
+  auto context = std::make_unique<ManagedObjectContext>(ManagedObjectContextConcurrencyType::PrivateQueue);
+  context->setPersistentStoreCoordinator(coordinator_.get());
+  return context;
 }
 
 Url PersistentContainer::defaultDirectoryURL() const {

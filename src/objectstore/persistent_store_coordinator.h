@@ -26,6 +26,7 @@ namespace tesselune {
 inline constexpr std::string_view kSQLiteStoreType = "SQLite";
 
 class ManagedObjectClassRegistry;
+class ManagedObjectContext;
 
 // How to add one store: a plain value, copied freely (copy is the platform's copy).
 struct PersistentStoreDescription {
@@ -99,7 +100,7 @@ class PersistentContainer {
  public:
   PersistentContainer(std::string name, std::shared_ptr<const ManagedObjectModel> model,
                       std::vector<std::shared_ptr<const ManagedObjectModel>> earlierVersions = {});
-  virtual ~PersistentContainer() = default;
+  virtual ~PersistentContainer();
 
   // persistentContainerWithName: the model named `name` (name.xcdatamodeld or name.xcdatamodel)
   // found in the first of the resource folders that has one.
@@ -118,6 +119,12 @@ class PersistentContainer {
   const std::vector<PersistentStoreDescription>& persistentStoreDescriptions() const;
   void setPersistentStoreDescriptions(std::vector<PersistentStoreDescription> descriptions);
 
+  // The main-queue context on the container's coordinator, made on first use; owned by the
+  // container.
+  ManagedObjectContext& viewContext();
+  // newBackgroundContext: a new private-queue context on the coordinator, owned by the caller.
+  std::unique_ptr<ManagedObjectContext> newBackgroundContext() const;
+
   // Adds every described store to the coordinator, calling the handler once per store.
   void loadPersistentStoresWithCompletionHandler(
       const PersistentStoreCoordinator::CompletionHandler& handler);
@@ -128,6 +135,8 @@ class PersistentContainer {
   std::unique_ptr<PersistentStoreCoordinator> coordinator_;
   // Made on first use, so that a subclass's defaultDirectoryURL is the one asked.
   mutable std::optional<std::vector<PersistentStoreDescription>> descriptions_;
+  // Declared after the coordinator, so that it goes first.
+  std::unique_ptr<ManagedObjectContext> viewContext_;
 };
 
 }  // namespace tesselune

@@ -64,24 +64,29 @@ std::string_view environment(const char* name) {
 
 // Runs on the application's thread.
 int showMessageBox(const AlertContent& alert) {
-  QMessageBox box;
-  box.setIcon(iconFor(alert.style));
-  box.setTextFormat(Qt::PlainText);
-  box.setText(QString::fromStdString(withLineFeeds(alert.messageText)));
-  // The informative label guesses its format; an error text that looks like markup must still be
-  // shown as written.
-  const QString informative = QString::fromStdString(withLineFeeds(alert.informativeText));
-  box.setInformativeText(Qt::mightBeRichText(informative) ? Qt::convertFromPlainText(informative)
-                                                          : informative);
-  QAbstractButton* ok = box.addButton(QMessageBox::Ok);
-  box.setDefaultButton(QMessageBox::Ok);
-  box.setEscapeButton(ok);
-  box.exec();
-  const int index = static_cast<int>(box.buttons().indexOf(box.clickedButton()));
+  std::unique_ptr<QMessageBox> box = makeMessageBox(alert);
+  box->exec();
+  const int index = static_cast<int>(box->buttons().indexOf(box->clickedButton()));
   return index < 0 ? 0 : index;
 }
 
 }  // namespace
+
+std::unique_ptr<QMessageBox> makeMessageBox(const AlertContent& alert) {
+  auto box = std::make_unique<QMessageBox>();
+  box->setIcon(iconFor(alert.style));
+  box->setTextFormat(Qt::PlainText);
+  box->setText(QString::fromStdString(withLineFeeds(alert.messageText)));
+  // The informative label guesses its format; an error text that looks like markup must still be
+  // shown as written.
+  const QString informative = QString::fromStdString(withLineFeeds(alert.informativeText));
+  box->setInformativeText(Qt::mightBeRichText(informative) ? Qt::convertFromPlainText(informative)
+                                                           : informative);
+  QAbstractButton* ok = box->addButton(QMessageBox::Ok);
+  box->setDefaultButton(QMessageBox::Ok);
+  box->setEscapeButton(ok);
+  return box;
+}
 
 bool widgetsReachScreen(bool haveWidgetApplication, std::string_view platformName, std::string_view display,
                         std::string_view waylandDisplay) {

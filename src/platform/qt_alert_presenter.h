@@ -11,6 +11,8 @@
 #include "foundation/main_queue.h"
 #include "foundation/platform_seams.h"
 
+class QMessageBox;
+
 namespace tesselune {
 
 // How alerts reach the user: Automatic decides per alert from the running application.
@@ -47,6 +49,10 @@ bool widgetsReachScreen(bool haveWidgetApplication, std::string_view platformNam
                         std::string_view waylandDisplay);
 // The same question asked of the running process.
 bool widgetsReachScreen();
+
+// The message box for an alert, not yet shown: critical, warning or informational icon, the
+// message text, the informative text shown as written, one "OK" button. Application's thread.
+std::unique_ptr<QMessageBox> makeMessageBox(const AlertContent& alert);
 
 // The console form of an alert: a heading line with the style and the message text, then the
 // informative text indented, line breaks of either kind shown as new lines.

@@ -32,6 +32,7 @@ constexpr std::string_view kModel = R"(<model>
     <attribute name="active" optional="YES" attributeType="Boolean" defaultValueString="YES"/>
     <attribute name="hired" optional="YES" attributeType="Date"/>
     <attribute name="tags" optional="YES" attributeType="Transformable"/>
+    <attribute name="displayCache" optional="YES" transient="YES" attributeType="String"/>
     <relationship name="department" optional="YES" maxCount="1" deletionRule="Nullify" destinationEntity="Department" inverseName="employees" inverseEntity="Department"/>
     <relationship name="projects" optional="YES" toMany="YES" deletionRule="Nullify" destinationEntity="Project" inverseName="members" inverseEntity="Project"/>
   </entity>
@@ -362,6 +363,16 @@ TEST_F(ContextTest, ObserversUndoHooksAndQueues) {
   std::promise<std::thread::id> ran;
   context.performBlock([&] { ran.set_value(std::this_thread::get_id()); });
   EXPECT_NE(ran.get_future().get(), caller);
+
+  // A cache in a transient attribute does not make an object changed; a transient change by key
+  // does, but writes nothing.
+  ASSERT_TRUE(context.save());
+  alan->setPrimitiveValue(Value("cached"), "displayCache");
+  EXPECT_FALSE(context.hasChanges());
+  alan->setValue(Value("shown"), "displayCache");
+  EXPECT_TRUE(context.hasChanges());
+  ASSERT_TRUE(context.save());
+  EXPECT_EQ(sql("SELECT Z_OPT FROM ZEMPLOYEE"), "1");
 
   context.reset();
   EXPECT_EQ(context.registeredObjectCount(), 0u);

@@ -172,10 +172,12 @@ TEST(Migration, RefusesWhatCannotBeInferredAndLeavesTheStoreAsItWas) {
 TEST(Migration, CoordinatorMigratesOnlyWhenItMayAndKnowsTheSourceModel) {
   const fs::path folder = test::scratchFolder("migrate-coordinator");
   const auto current = version(kBooks, "TestModel 2");
-  auto add = [&](std::vector<std::shared_ptr<const ManagedObjectModel>> earlier, bool migrate, bool infer) {
+  auto add = [&](std::vector<std::shared_ptr<const ManagedObjectModel>> earlier, bool migrate, bool infer,
+                 bool cached = true) {
     const fs::path path = folder / ("store-" + std::to_string(migrate) + std::to_string(infer) +
-                                    std::to_string(earlier.size()) + ".sqlite");
+                                    std::to_string(earlier.size()) + std::to_string(cached) + ".sqlite");
     fs::copy_file(test::copyFixtureStore("coredata/many-to-many/TestModel.sqlite", folder), path);
+    if (!cached) exec(path, "DELETE FROM Z_MODELCACHE");
     PersistentStoreCoordinator coordinator(current, std::move(earlier));
     auto description =
         PersistentStoreDescription::persistentStoreDescriptionWithURL(Url::fileUrl(path.string(), false));
@@ -188,7 +190,10 @@ TEST(Migration, CoordinatorMigratesOnlyWhenItMayAndKnowsTheSourceModel) {
   EXPECT_EQ(add({original}, true, true), 0);
   EXPECT_EQ(add({original}, false, true), kPersistentStoreIncompatibleVersionHashError);
   EXPECT_EQ(add({original}, true, false), kMigrationMissingMappingModelError);
-  EXPECT_EQ(add({}, true, true), kMigrationMissingSourceModelError);
+  // Without the bundle's versions the store's own cached model is the source; without that too,
+  // there is none.
+  EXPECT_EQ(add({}, true, true), 0);
+  EXPECT_EQ(add({}, true, true, false), kMigrationMissingSourceModelError);
 }
 
 }  // namespace
