@@ -39,7 +39,8 @@ class DeletionPassTest : public DeletionTest {
   Strings reportNames() const {
     Strings names;
     std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(temporaryFolder(), ec)) names.push_back(entry.path().filename());
+    for (const auto& entry : fs::directory_iterator(temporaryFolder(), ec))
+      names.push_back(entry.path().filename());
     return sorted(names);
   }
   DeletionReport report(const std::string& name) const {
@@ -95,7 +96,8 @@ TEST_F(DeletionPassTest, AMarkedChromatogramGoesWithItsFolderAndIsReported) {
   EXPECT_TRUE(written.chromatogramDeleted);
   const Strings uris = urisOfReport(written);
   ASSERT_EQ(uris.size(), 6u);
-  EXPECT_EQ(uris.back(), run->objectID().URIRepresentation().absoluteString()) << "the chromatogram comes last";
+  EXPECT_EQ(uris.back(), run->objectID().URIRepresentation().absoluteString())
+      << "the chromatogram comes last";
   EXPECT_EQ(sorted(Strings(uris.begin(), uris.end() - 1)), sorted(spectra));
 
   // A report waits in both passes, and the main application runs: each pass tells it.
@@ -147,17 +149,19 @@ TEST_F(DeletionPassTest, SearchesGroupsAndCollectionsGoInTheirJobsAndAreCounted)
   EXPECT_EQ(pass->numberOfDeletedObjects(), 4);
   const DeletionReport written = report("storeSupport.info");
   EXPECT_FALSE(written.chromatogramDeleted);
-  EXPECT_EQ(urisOfReport(written), (Strings{proteins[0], search->objectID().URIRepresentation().absoluteString(),
-                                      group->objectID().URIRepresentation().absoluteString(),
-                                      collection->objectID().URIRepresentation().absoluteString()}));
+  EXPECT_EQ(urisOfReport(written),
+            (Strings{proteins[0], search->objectID().URIRepresentation().absoluteString(),
+                     group->objectID().URIRepresentation().absoluteString(),
+                     collection->objectID().URIRepresentation().absoluteString()}));
   EXPECT_EQ(count("DatabaseSearchResult"), 0);
   EXPECT_EQ(count("DatabaseSearchJoin"), 0);
   EXPECT_EQ(count("ProteinID"), 0);
   EXPECT_EQ(count("DataCollection"), 1) << "the unmarked collection stays";
   EXPECT_EQ(count("Chromatogram"), 1) << "a collection's members are only unlinked";
-  EXPECT_EQ(fakes_->log->lines(),
-            (Strings{"Starting to delete a database search group", "Ending the delete of a database search group",
-                     "Starting to delete data collections", "Ending the delete of data collections"}));
+  EXPECT_EQ(
+      fakes_->log->lines(),
+      (Strings{"Starting to delete a database search group", "Ending the delete of a database search group",
+               "Starting to delete data collections", "Ending the delete of data collections"}));
   (void)unmarked;
 }
 
@@ -166,9 +170,10 @@ TEST_F(DeletionPassTest, SearchesGroupsAndCollectionsGoInTheirJobsAndAreCounted)
 TEST_F(DeletionPassTest, AnObjectThatNeverGoesStopsAfterFivePassesWithOneAlert) {
   insertChromatogram(*context_, "Stubborn", "", true);
   save(*context_);
-  runSql(storeFile(),
-         "CREATE TRIGGER keep_chromatograms BEFORE DELETE ON ZCHROMATOGRAM BEGIN SELECT RAISE(ABORT, 'kept by "
-         "the test'); END;");
+  runSql(
+      storeFile(),
+      "CREATE TRIGGER keep_chromatograms BEFORE DELETE ON ZCHROMATOGRAM BEGIN SELECT RAISE(ABORT, 'kept by "
+      "the test'); END;");
 
   const DeletionRoundsSummary summary = runDeletionRounds(container_);
   EXPECT_EQ(summary.passes, 5);
