@@ -1,6 +1,5 @@
-// The data container and the store support container on scratch folders: where the data library
-// is found and made, the fatal alert when it cannot be, the store description the program opens
-// the store with, and the pool of read-only coordinators.
+// The data container on scratch folders: where the data library is found and made, the fatal alert
+// when it cannot be, and the pool of read-only coordinators.
 
 #include "deletion/application_data_container.h"
 
@@ -66,18 +65,6 @@ TEST(ApplicationDataContainerTest, ALibraryThatCannotBeMadeIsFatal) {
 }
 
 class ReadOnlyPoolTest : public DeletionTest {};
-
-TEST_F(ReadOnlyPoolTest, TheStoreIsOpenedAsTheProgramOpensIt) {
-  const auto& descriptions = container_->dataContainer().persistentStoreDescriptions();
-  ASSERT_EQ(descriptions.size(), 1u);
-  EXPECT_EQ(fs::path(descriptions[0].url.path()), storeFile());
-  EXPECT_EQ(descriptions[0].type, "SQLite");
-  EXPECT_FALSE(descriptions[0].shouldAddStoreAsynchronously);
-  EXPECT_TRUE(descriptions[0].shouldInferMappingModelAutomatically);
-  EXPECT_TRUE(descriptions[0].shouldMigrateStoreAutomatically);
-  EXPECT_FALSE(descriptions[0].readOnly);
-  EXPECT_EQ(container_->temporaryFolderURL().path(), container_->dataContainer().temporaryFolderURL().path());
-}
 
 TEST_F(ReadOnlyPoolTest, CoordinatorsAreLentReadOnlyAndTakenBackLastInFirstOut) {
   ApplicationDataContainer& data = container_->dataContainer();

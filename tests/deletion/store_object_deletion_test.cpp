@@ -80,17 +80,6 @@ TEST_F(BatchDeleteWithFetchTest, AFailingCountPrintsOneLineAndDeletesNothing) {
   EXPECT_EQ(count("SpectrumSingle"), 7);
 }
 
-TEST_F(BatchDeleteWithFetchTest, AContextWithoutCoordinatorDeletesNothing) {
-  makeSpectra(4);
-  ManagedObjectContext detached(ManagedObjectContextConcurrencyType::PrivateQueue);
-  Expected<std::vector<ManagedObjectID>> deleted;
-  detached.performBlockAndWait(
-      [&] { deleted = batchDeleteWithFetch(detached, levelOne(), deletionSupport(fakes_->services())); });
-  ASSERT_TRUE(deleted);
-  EXPECT_TRUE(deleted->empty());
-  EXPECT_EQ(count("SpectrumSingle"), 7);
-}
-
 class CascadeCleanUpTest : public DeletionTest {
  protected:
   void SetUp() override {
