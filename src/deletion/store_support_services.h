@@ -9,8 +9,11 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "foundation/platform_seams.h"
+#include "model/store_object.h"
+#include "objectstore/managed_object_id.h"
 
 namespace tesselune {
 
@@ -26,6 +29,24 @@ struct StoreSupportServices {
   std::function<std::string()> homeFolder;
   // One line on standard output (the program's internal diagnostics).
   std::function<void(const std::string&)> printLine;
+  // Optional: told after each chunk of a batch delete is committed, with the chunk's object IDs
+  // (finer progress than the passes give). Called on the deleting thread.
+  std::function<void(const std::vector<ManagedObjectID>&)> chunkDeleted;
 };
+
+// What the deletion hooks of the store's objects get from the services.
+inline DeletionSupport deletionSupport(const StoreSupportServices& services) {
+  return DeletionSupport{services.printLine, services.log, services.alerts, services.chunkDeleted};
+}
+
+// One line on standard output, through the services' printLine when it is set.
+inline void printLine(const StoreSupportServices& services, const std::string& line) {
+  deletionSupport(services).print(line);
+}
+
+// Writes the line to the system log, when there is one.
+inline void logLine(const StoreSupportServices& services, std::string_view line) {
+  if (services.log) services.log->log(line);
+}
 
 }  // namespace tesselune

@@ -1,7 +1,9 @@
-// The chromatogram entities: the data folder cache, the group's start values and count, and the
-// display keys their descriptions depend on.
+// The chromatogram entities: the data folder cache, the group's start values and count, the
+// display keys their descriptions depend on, and the chromatogram's deletion hooks.
 
 #include "model/chromatogram.h"
+
+#include <fmt/format.h>
 
 #include <filesystem>
 #include <system_error>
@@ -18,6 +20,55 @@ constexpr std::string_view kDataFolderRelativePath = "dataFolderRelativePath";
 
 bool isDescriptionKey(std::string_view key) {
   return key == "shortObjectDescription" || key == "objectDescription";
+}
+
+namespace fs = std::filesystem;
+
+// Whether `inner` lies below `outer`; both are canonical.
+bool isStrictlyInside(const fs::path& inner, const fs::path& outer) {
+  auto in = inner.begin();
+  for (auto out = outer.begin(); out != outer.end(); ++out, ++in) {
+    if (out->empty()) continue;  // the empty element after a trailing separator
+    if (in == inner.end() || *in != *out) return false;
+  }
+  for (; in != inner.end(); ++in) {
+    if (!in->empty()) return true;
+  }
+  return false;
+}
+
+Error refusal(const fs::path& folder, std::string_view why) {
+  return Error(std::string(kCocoaErrorDomain), kFileWriteNoPermissionError,
+               fmt::format("\u201c{}\u201d was not removed because {}.", folder.string(), why));
+}
+
+// The real location of the data folder when it may be removed: a folder that lies, links
+// followed, strictly inside the data library.
+Expected<fs::path> removableFolder(const fs::path& folder, const std::optional<Url>& library) {
+  if (!library || !library->isFileUrl()) return fail(refusal(folder, "the data library is unknown"));
+  std::error_code ec;
+  const fs::path realLibrary = fs::canonical(library->path(), ec);
+  if (ec) return fail(refusal(folder, "the data library cannot be found"));
+  const fs::path realFolder = fs::canonical(folder, ec);
+  if (ec) return fail(refusal(folder, "it cannot be resolved"));
+  if (!isStrictlyInside(realFolder, realLibrary))
+    return fail(refusal(folder, "it does not lie inside the data library"));
+  if (!fs::is_directory(realFolder, ec)) return fail(refusal(folder, "it is not a folder"));
+  return realFolder;
+}
+
+// Removes the folder and, when the data folder was a link to it, the link.
+Status removeFolder(const fs::path& folder, const fs::path& realFolder) {
+  std::error_code ec;
+  fs::remove_all(realFolder, ec);
+  std::error_code linkError;  // a folder that was no link is gone now: not found is no failure
+  if (!ec && fs::is_symlink(fs::symlink_status(folder, linkError))) fs::remove(folder, ec);
+  if (ec) {
+    return fail(Error(std::string(kPosixErrorDomain), ec.value(),
+                      fmt::format("\u201c{}\u201d couldn\u2019t be removed. {}.",
+                                  realFolder.filename().string(), ec.message())));
+  }
+  return {};
 }
 
 }  // namespace
@@ -105,6 +156,69 @@ std::set<std::string> ChromatogramAlignment::keyPathsForValuesAffectingValueForK
 ChromatogramMap::~ChromatogramMap() {
   // The display manager may point back at the map; let it go before the map's values do.
   displayManager_.reset();
+}
+
+std::vector<ManagedObjectID> Chromatogram::willBeDeleted(ProgressReporter* reporter,
+                                                         const DeletionSupport& support) {
+  std::int64_t indicator = 0;
+  std::int64_t maximum = 0;
+  if (reporter != nullptr) {
+    indicator = reporter->indicatorValue();
+    maximum = static_cast<std::int64_t>(reporter->maximumIndicatorValue());
+    reporter->setMaximumIndicatorValue(-1.0);
+    reporter->setInfoText("Deleting a chromatogram: removing data files");
+  }
+  removeDataFolder(support);
+  if (reporter != nullptr) {
+    reporter->setMaximumIndicatorValue(static_cast<double>(maximum));
+    reporter->setIndicatorValue(indicator);
+    reporter->setInfoText("Deleting a chromatogram: removing store entries");
+  }
+  return batchDeleteCascadingRelationshipObjects(reporter, support);
+}
+
+void Chromatogram::removeDataFolder(const DeletionSupport& support) {
+  // Without a folder of its own nothing on disk is touched.
+  const std::optional<Url> url = dataFolderURL();
+  if (!url || !url->isFileUrl()) return;
+  const fs::path folder = url->path();
+  const Value relativePath = valueForKey(kDataFolderRelativePath);
+  // An absolute path is refused before it is looked for: whatever it names is no data folder.
+  const bool absolute = relativePath.isString() && fs::path(relativePath.asString()).is_absolute();
+  std::error_code ec;
+  if (!absolute && (!fs::exists(folder, ec) || ec)) return;
+
+  const std::optional<Url> library = environment() ? environment()->defaultDirectoryURL() : std::nullopt;
+  Expected<fs::path> realFolder = absolute ? Expected<fs::path>(fail(refusal(folder, "its path is absolute")))
+                                           : removableFolder(folder, library);
+  Status removed = realFolder ? removeFolder(folder, *realFolder) : Status(fail(realFolder.error()));
+  if (removed) return;
+
+  const Value name = valueForKey("chromatogramName");
+  const std::string message = fmt::format(
+      "Error when deleting chromatographic data of chromatogram: \"{}\". \rUse the command \"File -> Show in "
+      "Finder\" to remove the data manually.",
+      name.isString() ? name.asString() : std::string("unnamed"));
+  support.presentError(removed.error().customErrorWithDomain("Tesselune_Error", 106, message), std::nullopt);
+}
+
+std::vector<ManagedObjectID> Chromatogram::batchDeleteCascadingRelationshipObjects(
+    ProgressReporter* reporter, const DeletionSupport& support) {
+  return cleanOutCascadingRelationships(
+      reporter, support, {}, [&support](const RelationshipDescription& relationship, const Error& error) {
+        const EntityDescription* destination = relationship.destinationEntity();
+        std::string label = destination ? destination->name() : std::string();
+        if (label == "SpectrumSingle") {
+          const std::string& inverse = relationship.inverseRelationshipName();
+          label = inverse == "chromatogramNative"      ? "Spectrum"
+                  : inverse == "precursorChromatogram" ? "FragmentSpectrum"
+                                                       : "SpectrumSingle";
+        }
+        support.logLine(fmt::format(
+            "An error occurred when cleaning out relationships in course of a batch delete.\nPrimary object: "
+            "chromatogram - entities: {}\nError:{}",
+            label, error.localizedDescription()));
+      });
 }
 
 }  // namespace tesselune

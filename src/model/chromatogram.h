@@ -29,6 +29,17 @@ class Chromatogram : public StoreObject {
   Value valueForKey(std::string_view key) const override;
   void setValueForKey(Value value, std::string_view key) override;
 
+  // Removes the data folder, then cleans out the cascade relationships. Only a folder that lies,
+  // symbolic links followed, strictly inside the data library is removed; a failed or refused
+  // removal is shown as a critical alert (Tesselune_Error 106) queued on the main queue, and the
+  // store entries are deleted all the same. A missing folder is no error.
+  std::vector<ManagedObjectID> willBeDeleted(ProgressReporter* reporter,
+                                             const DeletionSupport& support) override;
+  // The base clean-up; a failed relationship goes to the system log, labelled by the kind of
+  // spectrum it holds.
+  std::vector<ManagedObjectID> batchDeleteCascadingRelationshipObjects(
+      ProgressReporter* reporter, const DeletionSupport& support) override;
+
   std::int64_t lastAccessedSpectrumIndex() const { return lastAccessedSpectrumIndex_; }
   void setLastAccessedSpectrumIndex(std::int64_t index) { lastAccessedSpectrumIndex_ = index; }
   std::int64_t lastAccessedFragmentSpectrumIndex() const { return lastAccessedFragmentSpectrumIndex_; }
@@ -50,6 +61,8 @@ class Chromatogram : public StoreObject {
   void setDate(std::optional<Date> date) { date_ = date; }
 
  private:
+  void removeDataFolder(const DeletionSupport& support);
+
   std::int64_t lastAccessedSpectrumIndex_ = 0;
   std::int64_t lastAccessedFragmentSpectrumIndex_ = 0;
   Dictionary spectrumIndex_;

@@ -1,5 +1,6 @@
 // Database searches and identifications: the search's name accessors and the peptide
-// identification's mass deviation, ion-volume search predicate and parser state.
+// identification's mass deviation, ion-volume search predicate and parser state; the deletion hooks
+// of searches and search groups.
 
 #include "model/database_search.h"
 
@@ -99,6 +100,29 @@ void PeptideID::setValueForKey(Value value, std::string_view key) {
     return;
   }
   StoreObject::setValueForKey(std::move(value), key);
+}
+
+std::vector<ManagedObjectID> DatabaseSearchResult::willBeDeleted(ProgressReporter* reporter,
+                                                                 const DeletionSupport& support) {
+  if (reporter != nullptr) reporter->setInfoText("Deleting a database search");
+  return batchDeleteCascadingRelationshipObjects(reporter, support);
+}
+
+std::vector<ManagedObjectID> DatabaseSearchResult::batchDeleteCascadingRelationshipObjects(
+    ProgressReporter* reporter, const DeletionSupport& support) {
+  return cleanOutCascadingRelationships(reporter, support, "peptideID", printingCascadeFailures(support));
+}
+
+std::vector<ManagedObjectID> DatabaseSearchJoin::willBeDeleted(ProgressReporter* reporter,
+                                                               const DeletionSupport& support) {
+  if (reporter != nullptr) reporter->setInfoText("Deleting a database group");
+  return batchDeleteCascadingRelationshipObjects(reporter, support);
+}
+
+std::vector<ManagedObjectID> DatabaseSearchJoin::batchDeleteCascadingRelationshipObjects(
+    ProgressReporter* reporter, const DeletionSupport& support) {
+  return cleanOutCascadingRelationships(reporter, support, "peptideIDsJoined",
+                                        printingCascadeFailures(support));
 }
 
 }  // namespace tesselune

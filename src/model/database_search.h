@@ -36,6 +36,13 @@ class DatabaseSearchResult : public StoreObject {
   Value valueForKey(std::string_view key) const override;
   void setValueForKey(Value value, std::string_view key) override;
 
+  // Tells the reporter what goes, then cleans out the cascade relationships except peptideID:
+  // the peptide identifications are left to the batch delete of the search itself.
+  std::vector<ManagedObjectID> willBeDeleted(ProgressReporter* reporter,
+                                             const DeletionSupport& support) override;
+  std::vector<ManagedObjectID> batchDeleteCascadingRelationshipObjects(
+      ProgressReporter* reporter, const DeletionSupport& support) override;
+
   const std::string& valueString() const { return valueString_; }
   void setValueString(std::string text) { valueString_ = std::move(text); }
   bool readCharacters() const { return readCharacters_; }
@@ -54,6 +61,12 @@ class DatabaseSearchResult : public StoreObject {
 
 class DatabaseSearchJoin : public StoreObject {
  public:
+  // As DatabaseSearchResult's, leaving out peptideIDsJoined.
+  std::vector<ManagedObjectID> willBeDeleted(ProgressReporter* reporter,
+                                             const DeletionSupport& support) override;
+  std::vector<ManagedObjectID> batchDeleteCascadingRelationshipObjects(
+      ProgressReporter* reporter, const DeletionSupport& support) override;
+
   const Array& sortedProteins() const { return sortedProteins_; }
   void setSortedProteins(Array proteins) { sortedProteins_ = std::move(proteins); }
   const Array& sortedPeptides() const { return sortedPeptides_; }

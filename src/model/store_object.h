@@ -4,16 +4,61 @@
 // subclasses, and is where the deletion protocol of the store's objects lives.
 //
 // Like every managed object it belongs to its context and is used on that context's thread.
+//
+// Deleting large objects: the store's cascade rules are carried out here, one level deep, by batch
+// deletes of object IDs in chunks (batchDeleteWithFetch), before the object itself goes by a batch
+// delete of its own ID. Each chunk is one transaction of the store, so a run that is killed leaves
+// whole chunks deleted and the object still marked: the next run finishes the job.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
+#include "foundation/error.h"
+#include "foundation/platform_seams.h"
+#include "foundation/progress_reporter.h"
 #include "model/store_environment.h"
 #include "objectstore/managed_object.h"
 #include "objectstore/managed_object_context.h"
 
 namespace tesselune {
+
+// How many object IDs one batch delete takes; also the fetch limit of each chunk.
+inline constexpr std::size_t kBatchDeleteChunkSize = 1000;
+
+// What the deletion hooks reach outside the store. A plain value; every member may be empty.
+// Members are called from the deleting thread; the alert presenter from the main queue.
+struct DeletionSupport {
+  // One line on standard output (internal diagnostics). Standard output itself when empty.
+  std::function<void(const std::string&)> printLine;
+  // The system log; nothing is logged when null.
+  std::shared_ptr<SystemLog> log;
+  // Shows the alerts that deletion queues on the main queue; none is shown when null.
+  std::shared_ptr<AlertPresenter> alerts;
+  // Told after each chunk of a batch delete is committed, with the chunk's IDs, for finer progress.
+  std::function<void(const std::vector<ManagedObjectID>&)> chunkDeleted;
+
+  void print(const std::string& line) const;
+  void logLine(std::string_view line) const;
+  // presentError:withMessage:: queues the critical alert of the error on the main queue and
+  // returns at once; never waits for it to be shown.
+  void presentError(const Error& error, const std::optional<std::string>& message) const;
+};
+
+// batchDeleteWithFetch:error:: deletes everything the request matches in chunks of
+// kBatchDeleteChunkSize IDs, each by a batch delete on a fresh private context of the same
+// coordinator, and answers the IDs the store reported deleted, in order. The number of chunks is
+// fixed by a count taken first; a failing count prints a line and answers nothing deleted. A failing
+// chunk does not stop the others; the last failure is returned and what was deleted stays deleted.
+// Runs on the calling thread, which must be allowed to use `context`.
+[[nodiscard]] Expected<std::vector<ManagedObjectID>> batchDeleteWithFetch(ManagedObjectContext& context,
+                                                                          FetchRequest request,
+                                                                          const DeletionSupport& support);
 
 class StoreObject : public ManagedObject {
  public:
@@ -32,7 +77,33 @@ class StoreObject : public ManagedObject {
   // neither exists.
   ManagedObjectContext* contextWithFallback() const;
 
+  // The deletion protocol. Each call runs on the object's context thread (inside its
+  // performBlockAndWait); the reporter is optional and borrowed for the call. Failures never come
+  // back to the caller: they are printed, logged or shown as each class says.
+  //
+  // The number of cascade relationships of the entity, for sizing a progress display.
+  std::int64_t numberOfCascadingRelationships() const;
+  // Called before the object itself is batch-deleted; answers the IDs of the other objects its
+  // clean-up deleted. Nothing here; entity classes with work of their own override it.
+  virtual std::vector<ManagedObjectID> willBeDeleted(ProgressReporter* reporter,
+                                                     const DeletionSupport& support);
+  // Batch-deletes the objects at the other end of each cascade relationship that has an inverse,
+  // advancing the reporter by one per cascade relationship. The object itself stays.
+  virtual std::vector<ManagedObjectID> batchDeleteCascadingRelationshipObjects(
+      ProgressReporter* reporter, const DeletionSupport& support);
+
  protected:
+  // Told of a cascade relationship whose batch delete failed.
+  using CascadeFailureHandler = std::function<void(const RelationshipDescription&, const Error&)>;
+  // The cascade clean-up shared by the overrides: `leftOut` names a cascade relationship that is
+  // neither cleaned nor counted in the progress (empty: none).
+  std::vector<ManagedObjectID> cleanOutCascadingRelationships(ProgressReporter* reporter,
+                                                              const DeletionSupport& support,
+                                                              std::string_view leftOut,
+                                                              const CascadeFailureHandler& failed);
+  // The clean-up's line on standard output for a failed relationship, naming the primary entity.
+  CascadeFailureHandler printingCascadeFailures(const DeletionSupport& support) const;
+
   // Where a derived accessor's caching must write although the read was const: objects always
   // live in their context's registry as non-const heap objects, so this is sound.
   StoreObject& mutableSelf() const { return const_cast<StoreObject&>(*this); }

@@ -1,0 +1,177 @@
+// DeleteStoreObjectsOperation: the four jobs of a pass, the count, the report and the notification.
+
+#include "deletion/delete_store_objects_operation.h"
+
+#include "deletion/deletion_report.h"
+#include "model/chromatogram.h"
+#include "model/database_search.h"
+
+namespace tesselune {
+
+DeleteStoreObjectsOperation::DeleteStoreObjectsOperation(
+    std::shared_ptr<StoreSupportContainer> applicationContainer)
+    : applicationContainer_(std::move(applicationContainer)) {}
+
+ManagedObjectContext& DeleteStoreObjectsOperation::mainObjectContext() {
+  if (!mainObjectContext_) {
+    mainObjectContext_ =
+        std::make_unique<ManagedObjectContext>(ManagedObjectContextConcurrencyType::PrivateQueue);
+    mainObjectContext_->setPersistentStoreCoordinator(
+        &applicationContainer_->dataContainer().persistentStoreCoordinator());
+    mainObjectContext_->setUndoManager(nullptr);
+    mainObjectContext_->setMergePolicy(MergePolicyType::MergeByPropertyObjectTrump);
+  }
+  return *mainObjectContext_;
+}
+
+void DeleteStoreObjectsOperation::main() {
+  ManagedObjectContext& context = mainObjectContext();
+  auto marked = predicateWithFormat("destinedForDeletion == TRUE");
+  if (!marked) {
+    errors_.push_back(marked.error());
+    return;
+  }
+
+  std::vector<ManagedObjectID> deleted;
+  bool chromatogramDeleted = false;
+  auto append = [&deleted](const std::vector<ManagedObjectID>& ids) {
+    deleted.insert(deleted.end(), ids.begin(), ids.end());
+  };
+
+  if (auto ids = fetchMarked("Chromatogram", *marked); ids && !ids->empty()) {
+    for (const ManagedObjectID& id : *ids) append(deleteChromatogram(id));
+    // Set for every fetched chromatogram, deleted or not: the main application then reloads its list.
+    chromatogramDeleted = true;
+  }
+
+  if (auto ids = fetchMarked("DatabaseSearchResult", *marked)) {
+    for (const ManagedObjectID& id : *ids) {
+      std::vector<ManagedObjectID> list;
+      context.performBlockAndWait([&] { deleteStoreObject<DatabaseSearchResult>(context, id, list); });
+      append(list);
+    }
+  }
+
+  if (auto ids = fetchMarked("DatabaseSearchJoin", *marked)) {
+    for (const ManagedObjectID& id : *ids) append(deleteDatabaseSearchGroup(id));
+  }
+
+  FetchRequest collections = FetchRequest::fetchRequestWithEntityName("DataCollection");
+  collections.resultType = FetchRequestResultType::ManagedObject;
+  collections.predicate = *marked;
+  context.performBlockAndWait([&] { deleteDataCollections(context, collections, deleted); });
+
+  numberOfDeletedObjects_ = static_cast<std::int64_t>(deleted.size());
+  reportDeletions(deleted, chromatogramDeleted);
+}
+
+void DeleteStoreObjectsOperation::reportDeletions(const std::vector<ManagedObjectID>& deleted,
+                                                  bool chromatogramDeleted) {
+  const StoreSupportServices& services = applicationContainer_->services();
+  const std::filesystem::path folder = applicationContainer_->temporaryFolderURL().path();
+  if (!deleted.empty()) {
+    if (auto written = writeDeletionReport(folder, deleted, chromatogramDeleted); !written) {
+      // Older reports may wait in the folder, but a pass whose report failed tells nobody.
+      errors_.push_back(written.error());
+      return;
+    }
+  }
+  if (!deletionReportExists(folder)) return;
+  if (!services.workspace) return;
+  for (const std::string& name : services.workspace->runningApplicationNames()) {
+    if (name != kMainApplicationName) continue;
+    if (services.notifications) {
+      if (auto posted = services.notifications->postNotificationName(kDeletionNotificationName,
+                                                                     kDeletionNotificationObject);
+          !posted) {
+        printLine(services, posted.error().localizedDescription());
+      }
+    }
+    logLine(services, "Sending global notification remoteObjectsDelete");
+    return;
+  }
+}
+
+std::optional<std::vector<ManagedObjectID>> DeleteStoreObjectsOperation::fetchMarked(
+    std::string_view entityName, const Predicate& marked) {
+  FetchRequest request = FetchRequest::fetchRequestWithEntityName(std::string(entityName));
+  request.resultType = FetchRequestResultType::ManagedObjectID;
+  request.predicate = marked;
+  ManagedObjectContext& context = mainObjectContext();
+  std::optional<std::vector<ManagedObjectID>> ids;
+  context.performBlockAndWait([&] { ids = fetchObjectIDs(context, request); });
+  return ids;
+}
+
+std::optional<std::vector<ManagedObjectID>> DeleteStoreObjectsOperation::fetchObjectIDs(
+    ManagedObjectContext& context, const FetchRequest& request) {
+  auto found = context.executeFetchRequest(request);
+  if (!found) {
+    errors_.push_back(found.error());
+    return std::nullopt;
+  }
+  std::vector<ManagedObjectID> ids;
+  ids.reserve(found->size());
+  for (const Value& value : *found) {
+    if (auto id = objectIDOfValue(value)) ids.push_back(*id);
+  }
+  return ids;
+}
+
+template <class C>
+void DeleteStoreObjectsOperation::deleteStoreObject(ManagedObjectContext& context, const ManagedObjectID& id,
+                                                    std::vector<ManagedObjectID>& list) {
+  auto object = std::dynamic_pointer_cast<C>(context.objectWithID(id));
+  if (!object) return;
+  const std::vector<ManagedObjectID> related =
+      object->willBeDeleted(nullptr, deletionSupport(applicationContainer_->services()));
+  list.insert(list.end(), related.begin(), related.end());
+
+  auto request = BatchDeleteRequest::initWithObjectIDs({id});
+  request.resultType = BatchDeleteRequestResultType::ResultTypeCount;
+  if (auto result = context.executeRequest(request); !result) errors_.push_back(result.error());
+  // Listed even when the batch delete failed: the next pass then looks again.
+  list.push_back(id);
+}
+
+std::vector<ManagedObjectID> DeleteStoreObjectsOperation::deleteChromatogram(const ManagedObjectID& id) {
+  const StoreSupportServices& services = applicationContainer_->services();
+  logLine(services, "Starting to delete a chromatogram");
+  std::vector<ManagedObjectID> list;
+  ManagedObjectContext& context = mainObjectContext();
+  context.performBlockAndWait([&] { deleteStoreObject<Chromatogram>(context, id, list); });
+  logLine(services, "Ending the delete of a chromatogram");
+  return list;
+}
+
+std::vector<ManagedObjectID> DeleteStoreObjectsOperation::deleteDatabaseSearchGroup(
+    const ManagedObjectID& id) {
+  const StoreSupportServices& services = applicationContainer_->services();
+  logLine(services, "Starting to delete a database search group");
+  std::vector<ManagedObjectID> list;
+  ManagedObjectContext& context = mainObjectContext();
+  context.performBlockAndWait([&] { deleteStoreObject<DatabaseSearchJoin>(context, id, list); });
+  logLine(services, "Ending the delete of a database search group");
+  return list;
+}
+
+void DeleteStoreObjectsOperation::deleteDataCollections(ManagedObjectContext& context,
+                                                        const FetchRequest& request,
+                                                        std::vector<ManagedObjectID>& deleted) {
+  const StoreSupportServices& services = applicationContainer_->services();
+  if (auto found = context.fetchObjects(request); !found) {
+    errors_.push_back(found.error());
+  } else if (!found->empty()) {
+    logLine(services, "Starting to delete data collections");
+    for (const auto& object : *found) {
+      const ManagedObjectID id = object->objectID();
+      context.deleteObject(object);
+      deleted.push_back(id);
+    }
+    logLine(services, "Ending the delete of data collections");
+  }
+  // Always saved: the model's delete rules take what goes with a data collection.
+  if (auto saved = context.save(); !saved) errors_.push_back(saved.error());
+}
+
+}  // namespace tesselune
