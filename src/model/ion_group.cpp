@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "model/ion_volume.h"
+
 namespace tesselune {
 
 namespace {
@@ -45,6 +47,19 @@ std::set<std::string> IonGroup::keyPathsForValuesAffectingValueForKey(std::strin
   if (key == "shortObjectDescription" || key == "objectDescription") paths.insert("ions");
   if (key == "objectName") paths.insert("ionGroupName");
   return paths;
+}
+
+std::optional<ValueSet> IonVolumeGroup::ionVolumes() const {
+  Value stored = valueForKey("ionVolumes");
+  if (!stored.isSet()) return std::nullopt;
+  for (const Value& item : stored.asSet()) {
+    if (!item.asObjectOf<IonVolume>()) return std::nullopt;
+  }
+  return std::move(stored.asSet());
+}
+
+void IonVolumeGroup::setIonVolumes(std::optional<ValueSet> volumes) {
+  setValue(volumes ? Value(std::move(*volumes)) : Value(), "ionVolumes");
 }
 
 }  // namespace tesselune

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "model/store_object.h"
@@ -43,6 +44,11 @@ class NormIonGroup : public IonGroup {};
 class IonVolumeGroup : public StoreObject {
  public:
   static FetchRequest fetchRequest() { return FetchRequest::fetchRequestWithEntityName("IonVolumeGroup"); }
+
+  // The archived set of IonVolumes (ion_volume.h); nothing when absent or holding anything else.
+  std::optional<ValueSet> ionVolumes() const;
+  // Stores the set as a new value (nothing clears it), with change notification.
+  void setIonVolumes(std::optional<ValueSet> volumes);
 };
 
 }  // namespace tesselune

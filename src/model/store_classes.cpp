@@ -11,11 +11,15 @@
 #include <mutex>
 #include <system_error>
 
+#include "foundation/coding.h"
 #include "foundation/value_transformer.h"
 #include "model/chromatogram.h"
+#include "model/correlated_precursor.h"
 #include "model/data_collection.h"
 #include "model/database_search.h"
 #include "model/ion_group.h"
+#include "model/ion_volume.h"
+#include "model/marker_fragment.h"
 #include "model/precursor_list.h"
 #include "model/spectrum.h"
 
@@ -110,6 +114,12 @@ std::optional<std::filesystem::path> executableFolder() {
 void registerStoreClasses(ManagedObjectClassRegistry& registry,
                           std::shared_ptr<StoreEnvironment> environment) {
   registerStoreValueTransformers();
+  // The archived value objects written by the main application under its Swift class names; the
+  // process-wide mapping, so the last environment registered is the one decoded objects know.
+  ClassRegistry& archiveClasses = ClassRegistry::shared();
+  archiveClasses.setClass(kMarkerFragmentClassName, MarkerFragment::codingClass(environment));
+  archiveClasses.setClass(kIonVolumeClassName, IonVolume::codingClass(environment));
+  archiveClasses.setClass(kCorrelatedPrecursorClassName, CorrelatedPrecursor::codingClass(environment));
   for (const StoreClass& storeClass : storeClasses()) {
     registry.registerClass(std::string(storeClass.name), [make = storeClass.make, environment] {
       auto object = make();

@@ -1,0 +1,50 @@
+// The application object's delegate as the archived value objects reach it.
+
+#include "model/application_object.h"
+
+#include <cstdio>
+
+#include "model/application_control.h"
+
+namespace tesselune {
+
+void fatalError(const std::string& message) {
+  throw FatalError(message);
+}
+
+void printLine(std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+namespace {
+
+std::shared_ptr<ApplicationControl> delegateOf(const std::shared_ptr<StoreEnvironment>& application) {
+  if (!application) fatalError("There is no application object.");
+  return application->applicationDelegate();
+}
+
+}  // namespace
+
+ManagedObjectContext* delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application) {
+  auto delegate = delegateOf(application);
+  return delegate ? delegate->managedObjectContext() : nullptr;
+}
+
+PersistentStoreCoordinator* delegatePersistentStoreCoordinator(
+    const std::shared_ptr<StoreEnvironment>& application) {
+  auto delegate = delegateOf(application);
+  return delegate ? delegate->persistentStoreCoordinator() : nullptr;
+}
+
+std::optional<ManagedObjectID> objectIDForURI(const PersistentStoreCoordinator* coordinator, const Url& uri) {
+  if (coordinator == nullptr) return std::nullopt;
+  return coordinator->managedObjectIDForURIRepresentation(uri);
+}
+
+std::shared_ptr<ManagedObject> sharedManagedObject(ManagedObject& object) {
+  return std::static_pointer_cast<ManagedObject>(object.shared_from_this());
+}
+
+}  // namespace tesselune

@@ -1,0 +1,57 @@
+// What the archived value objects of the store ask of the running application: its delegate's
+// context and coordinator, and the stop of the program when there is no application at all.
+//
+// The StoreEnvironment stands for the application object: every value object is handed the one
+// registerStoreClasses was given (decoded objects get it from their class's factory). An absent
+// environment is a program without an application object, which value objects treat as a fatal
+// error; an environment without an ApplicationControl delegate is a program of another kind, whose
+// fall-backs fail quietly.
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "model/store_environment.h"
+#include "objectstore/managed_object_context.h"
+#include "objectstore/persistent_store_coordinator.h"
+
+namespace tesselune {
+
+// A condition under which the program cannot go on (a missing application object, a store that
+// fails where it must not). Thrown, never caught by this code base: it ends the program unless a
+// test expects it.
+class FatalError : public std::logic_error {
+ public:
+  using std::logic_error::logic_error;
+};
+
+[[noreturn]] void fatalError(const std::string& message);
+
+// One line on standard output, flushed at once: how the value objects report store failures that
+// they otherwise pass over.
+void printLine(std::string_view text);
+
+// The delegate's view context and coordinator. Throws FatalError when `application` is empty;
+// nullptr when the delegate is missing, of another class or has no container. The pointers are
+// owned by the delegate, which the caller's environment keeps reachable only weakly: use them at
+// once, not later.
+ManagedObjectContext* delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application);
+PersistentStoreCoordinator* delegatePersistentStoreCoordinator(
+    const std::shared_ptr<StoreEnvironment>& application);
+
+// The ID for an object URI through the coordinator; nothing without a coordinator or when the URI
+// names no object of its stores.
+std::optional<ManagedObjectID> objectIDForURI(const PersistentStoreCoordinator* coordinator, const Url& uri);
+
+// A managed object as the shared pointer its context keeps.
+std::shared_ptr<ManagedObject> sharedManagedObject(ManagedObject& object);
+
+// An object ID made with plain allocation: it names nothing, and stands where an ID must never be
+// absent.
+inline bool isEmptyObjectID(const ManagedObjectID& id) {
+  return id == ManagedObjectID{};
+}
+
+}  // namespace tesselune
