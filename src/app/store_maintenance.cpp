@@ -291,7 +291,8 @@ std::string formatByteCount(std::uintmax_t bytes) {
   static constexpr const char* kUnits[] = {"kB", "MB", "GB", "TB"};
   double value = static_cast<double>(bytes) / 1000.0;
   std::size_t unit = 0;
-  while (value >= 1000.0 && unit + 1 < std::size(kUnits)) {
+  // Rounded to one decimal, 999.96 would read "1000.0": move up a unit before that.
+  while (value >= 999.95 && unit + 1 < std::size(kUnits)) {
     value /= 1000.0;
     ++unit;
   }

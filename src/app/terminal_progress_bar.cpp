@@ -58,15 +58,20 @@ void TerminalProgressBar::finish() {
 }
 
 std::string TerminalProgressBar::render(double value, double maximum, const std::string& text, int width) {
-  if (maximum <= 0 || !std::isfinite(maximum) || !std::isfinite(value)) {
+  if (!std::isfinite(value)) value = 0;
+  std::string line;
+  if (maximum <= 0 || !std::isfinite(maximum)) {
     // Indeterminate: a count instead of a share.
-    return fmt::format("[{:^{}}] {:>4}  {}", "...", width, static_cast<std::int64_t>(value), text);
+    line = fmt::format("[{:^{}}] {:>4}", "...", width, static_cast<std::int64_t>(std::max(value, 0.0)));
+  } else {
+    const double share = std::clamp(value / maximum, 0.0, 1.0);
+    const int filled = static_cast<int>(share * width);
+    line = fmt::format("[{}{}] {:>3}%", std::string(static_cast<std::size_t>(filled), '#'),
+                       std::string(static_cast<std::size_t>(width - filled), ' '),
+                       static_cast<int>(share * 100.0));
   }
-  const double share = std::clamp(value / maximum, 0.0, 1.0);
-  const int filled = static_cast<int>(share * width);
-  return fmt::format("[{}{}] {:>3}%  {}", std::string(static_cast<std::size_t>(filled), '#'),
-                     std::string(static_cast<std::size_t>(width - filled), ' '),
-                     static_cast<int>(share * 100.0), text);
+  if (!text.empty()) line += "  " + text;
+  return line;
 }
 
 void TerminalProgressBar::redrawLocked() {
