@@ -398,7 +398,7 @@ void CorrelatedPrecursor::encodeWithCoder(KeyedArchiver& coder) const {
 }
 
 Status CorrelatedPrecursor::initWithCoder(KeyedUnarchiver& coder) {
-  context_ = nullptr;
+  context_ = WeakContext();
   fragmentsIntensity_ = 0;
   precursorIntensity_ = 0;
   precursorListID_.reset();

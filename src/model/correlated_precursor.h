@@ -9,8 +9,8 @@
 // they read: the archive falls back (a selection ID that cannot be resolved becomes an empty one),
 // the container fails with errors of domain "Tesselune_Error", code 170.
 //
-// A precursor is used by one thread at a time. Its context is borrowed (the platform holds it
-// weakly): whoever sets it must clear it, or stop using the precursor, before the context goes.
+// A precursor is used by one thread at a time. Its context is held weakly: once the context is
+// destroyed the precursor has none.
 #pragma once
 
 #include <cstdint>
@@ -71,7 +71,7 @@ class CorrelatedPrecursor final : public Object, public Coding {
       std::span<const std::uint8_t> data, ContainerFormat format,
       std::shared_ptr<StoreEnvironment> application);
 
-  ManagedObjectContext* managedObjectContext() const { return context_; }
+  ManagedObjectContext* managedObjectContext() const { return context_.get(); }
   void setManagedObjectContext(ManagedObjectContext* context) { context_ = context; }
   const std::shared_ptr<StoreEnvironment>& application() const { return application_; }
   void setApplication(std::shared_ptr<StoreEnvironment> application) {
@@ -99,7 +99,7 @@ class CorrelatedPrecursor final : public Object, public Coding {
   struct Blank {};
   CorrelatedPrecursor(Blank, std::shared_ptr<StoreEnvironment> application);
 
-  ManagedObjectContext* context_ = nullptr;
+  WeakContext context_;
   std::shared_ptr<StoreEnvironment> application_;
   Uuid id_;
   double precursorMZ_ = 0;

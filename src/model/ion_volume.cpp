@@ -181,7 +181,7 @@ void IonVolume::passOnGroupID(const std::optional<ManagedObjectID>& id,
 }
 
 ManagedObjectContext* IonVolume::managedObjectContext() const {
-  if (context_ != nullptr) return context_;
+  if (context_) return context_.get();
   if (ManagedObjectContext* context = delegateManagedObjectContext(application_)) return context;
   fatalError(
       "An ion volume has no managed object context: none was set and the application delegate has none.");

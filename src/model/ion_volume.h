@@ -19,8 +19,8 @@
 //
 // Store failures are reported by one line on standard output; no context at all is a FatalError.
 // Store work runs synchronously on the context's queue from the caller's thread; an ion volume is
-// otherwise used by one thread at a time. Its context is borrowed (the platform holds it weakly):
-// whoever sets it must clear it, or stop using the ion volume, before the context goes.
+// otherwise used by one thread at a time. Its context is held weakly: once the context is
+// destroyed the ion volume falls back on the delegate's.
 #pragma once
 
 #include <cstdint>
@@ -66,7 +66,7 @@ class IonVolume final : public Object, public Coding {
   // typeOfQuantification, the normalising ion volume and its ID, objectInfo and the related ion
   // volumes (the same members). No context, group, quantificationInfo or reference.
   std::shared_ptr<IonVolume> copy() const;
-  // copy, then this one's borrowed context, group ID, quantificationInfo and reference ID, so that
+  // copy, then this one's weak context, group ID, quantificationInfo and reference ID, so that
   // it resolves the same objects through the same context.
   std::shared_ptr<IonVolume> exactCopy() const;
 
@@ -100,7 +100,7 @@ class IonVolume final : public Object, public Coding {
   void setIonVolumeGroupID(std::optional<ManagedObjectID> id);
 
   // The context set (_managedObjectContext), nullptr when none.
-  ManagedObjectContext* weakManagedObjectContext() const { return context_; }
+  ManagedObjectContext* weakManagedObjectContext() const { return context_.get(); }
   // The context set, else the delegate's; FatalError when there is neither.
   ManagedObjectContext* managedObjectContext() const;
   void setManagedObjectContext(ManagedObjectContext* context) { context_ = context; }
@@ -128,7 +128,7 @@ class IonVolume final : public Object, public Coding {
   }
   void passOnGroupID(const std::optional<ManagedObjectID>& id, std::vector<const IonVolume*>& visited);
 
-  ManagedObjectContext* context_ = nullptr;
+  WeakContext context_;
   std::shared_ptr<StoreEnvironment> application_;
   Value acceptableQuality_;
   Value value_;

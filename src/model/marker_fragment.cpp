@@ -103,7 +103,7 @@ void MarkerFragment::encodeWithCoder(KeyedArchiver& coder) const {
 }
 
 Status MarkerFragment::initWithCoder(KeyedUnarchiver& coder) {
-  context_ = nullptr;
+  context_ = WeakContext();
   correlationBasedTimes_.clear();
   const PersistentStoreCoordinator* coordinator = delegatePersistentStoreCoordinator(application_);
   if (coordinator == nullptr)
@@ -146,7 +146,7 @@ void MarkerFragment::setMzValue(double mzValue) {
 }
 
 ManagedObjectContext* MarkerFragment::managedObjectContext() const {
-  if (context_ != nullptr) return context_;
+  if (context_) return context_.get();
   if (ManagedObjectContext* context = delegateManagedObjectContext(application_)) return context;
   fatalError(
       "A marker fragment has no managed object context: none was set and the application delegate has none.");

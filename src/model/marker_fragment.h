@@ -13,8 +13,8 @@
 // Store failures are reported by one line on standard output and otherwise passed over; no context
 // at all (no context set and no delegate context) is a FatalError. Every store access goes through
 // performBlockAndWait of the context in use; the fragment's own fields are used by one thread at a
-// time. Its context is borrowed (the platform holds it weakly): whoever sets it must clear it, or
-// stop using the fragment, before the context goes. Sets hold fragments by identity.
+// time. Its context is held weakly: once the context is destroyed the fragment
+// falls back on the delegate's. Sets hold fragments by identity.
 #pragma once
 
 #include <memory>
@@ -100,7 +100,7 @@ class MarkerFragment final : public Object, public Coding {
 
   Uuid id_;
   double mzValue_ = 0;
-  ManagedObjectContext* context_ = nullptr;
+  WeakContext context_;
   std::shared_ptr<StoreEnvironment> application_;
   Array correlationBasedTimes_;
   Predicate ionVolumeSearchPredicate_;

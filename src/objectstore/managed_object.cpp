@@ -4,7 +4,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <stdexcept>
+#include <unordered_set>
 
 #include "objectstore/managed_object_context.h"
 
@@ -27,28 +29,24 @@ std::vector<std::shared_ptr<ManagedObject>> membersOf(const Value& value) {
   return members;
 }
 
-bool containsObject(const Value& value, const ManagedObject* object) {
-  for (const auto& member : membersOf(value)) {
-    if (member.get() == object) return true;
-  }
-  return false;
-}
-
-Value withMember(const Value& value, const std::shared_ptr<ManagedObject>& object, bool add, bool ordered) {
+// Adds or removes one member in place: copying the collection for every change would make
+// filling a relationship of n objects cost n^2. A value of the wrong kind becomes the right one.
+void changeMember(Value& value, const std::shared_ptr<ManagedObject>& object, bool add, bool ordered) {
   if (ordered) {
-    Array items = value.isArray() ? value.asArray() : Array{};
+    if (!value.isArray()) value = Value(Array{});
+    Array& items = value.asArray();
+    // An object added again moves to the end; the common case, a new member, costs one scan.
     std::erase_if(
         items, [&](const Value& item) { return item.isObject() && item.asObject().get() == object.get(); });
     if (add) items.push_back(Value(ObjectPtr(object)));
-    return Value(std::move(items));
+    return;
   }
-  ValueSet items = value.isSet() ? value.asSet() : ValueSet{};
+  if (!value.isSet()) value = Value(ValueSet{});
   if (add) {
-    items.insert(Value(ObjectPtr(object)));
+    value.asSet().insert(Value(ObjectPtr(object)));
   } else {
-    items.erase(Value(ObjectPtr(object)));
+    value.asSet().erase(Value(ObjectPtr(object)));
   }
-  return Value(std::move(items));
 }
 
 }  // namespace
@@ -125,19 +123,29 @@ void ManagedObject::setValue(Value value, std::string_view key) {
   if (p->isRelationship()) {
     const auto& relationship = static_cast<const RelationshipDescription&>(*p);
     if (relationship.isToMany()) {
-      // Normalise to the relationship's collection kind.
+      // Normalise to the relationship's collection kind, each object once.
       Value members = relationship.isOrdered() ? Value(Array{}) : Value(ValueSet{});
-      for (const auto& object : membersOf(value))
-        members = withMember(members, object, true, relationship.isOrdered());
+      std::vector<std::shared_ptr<ManagedObject>> after;
+      std::unordered_set<const ManagedObject*> inAfter;
+      for (auto& object : membersOf(value)) {
+        if (!inAfter.insert(object.get()).second) continue;
+        if (relationship.isOrdered()) {
+          members.asArray().push_back(Value(ObjectPtr(object)));
+        } else {
+          members.asSet().insert(Value(ObjectPtr(object)));
+        }
+        after.push_back(std::move(object));
+      }
       const auto before = membersOf(old);
-      const auto after = membersOf(members);
-      values_.insert_or_assign(std::string(key), members);
+      std::unordered_set<const ManagedObject*> inBefore;
+      for (const auto& object : before) inBefore.insert(object.get());
+      values_.insert_or_assign(std::string(key), std::move(members));
       markChanged(key);
       for (const auto& object : before) {
-        if (!containsObject(members, object.get())) linkInverse(relationship, *object, false);
+        if (!inAfter.contains(object.get())) linkInverse(relationship, *object, false);
       }
       for (const auto& object : after) {
-        if (!containsObject(old, object.get())) linkInverse(relationship, *object, true);
+        if (!inBefore.contains(object.get())) linkInverse(relationship, *object, true);
       }
     } else {
       auto before = asManagedObject(old);
@@ -169,21 +177,22 @@ void ManagedObject::linkInverse(const RelationshipDescription& relationship, Man
   auto self = std::static_pointer_cast<ManagedObject>(shared_from_this());
   other.willChangeValueForKey(inverse->name());
   if (inverse->isToMany()) {
-    const Value current = other.primitiveValueForKey(inverse->name());
-    other.values_.insert_or_assign(inverse->name(), withMember(current, self, add, inverse->isOrdered()));
+    other.primitiveValueForKey(inverse->name());  // loads the collection once
+    changeMember(other.values_[inverse->name()], self, add, inverse->isOrdered());
   } else {
     auto previous = asManagedObject(other.primitiveValueForKey(inverse->name()));
     if (add) {
       // The other object leaves its previous partner on this side.
       if (previous && previous.get() != this) {
         previous->willChangeValueForKey(relationship.name());
-        const Value theirs = previous->primitiveValueForKey(relationship.name());
-        previous->values_.insert_or_assign(
-            relationship.name(),
-            relationship.isToMany()
-                ? withMember(theirs, std::static_pointer_cast<ManagedObject>(other.shared_from_this()), false,
-                             relationship.isOrdered())
-                : Value());
+        previous->primitiveValueForKey(relationship.name());
+        Value& theirs = previous->values_[relationship.name()];
+        if (relationship.isToMany()) {
+          changeMember(theirs, std::static_pointer_cast<ManagedObject>(other.shared_from_this()), false,
+                       relationship.isOrdered());
+        } else {
+          theirs = Value();
+        }
         previous->markChanged(relationship.name());
         previous->didChangeValueForKey(relationship.name());
       }
@@ -205,23 +214,44 @@ std::vector<std::shared_ptr<ManagedObject>> ManagedObject::objectsForKey(std::st
 }
 
 void ManagedObject::addObject(const std::shared_ptr<ManagedObject>& object, std::string_view toMany) {
-  const auto* p = property(toMany);
-  if (p == nullptr || !p->isRelationship() || !static_cast<const RelationshipDescription*>(p)->isToMany()) {
-    throw std::invalid_argument(
-        fmt::format("\"{}\" is not a to-many relationship of {}", toMany, entity_->name()));
-  }
-  const bool ordered = static_cast<const RelationshipDescription*>(p)->isOrdered();
-  setValue(withMember(primitiveValueForKey(toMany), object, true, ordered), toMany);
+  changeToMany(object, toMany, true);
 }
 
 void ManagedObject::removeObject(const std::shared_ptr<ManagedObject>& object, std::string_view toMany) {
+  changeToMany(object, toMany, false);
+}
+
+// One member in or out, with the inverse kept and one change notification: what setValue does for a
+// whole collection, at the cost of one member.
+void ManagedObject::changeToMany(const std::shared_ptr<ManagedObject>& object, std::string_view toMany,
+                                 bool add) {
   const auto* p = property(toMany);
   if (p == nullptr || !p->isRelationship() || !static_cast<const RelationshipDescription*>(p)->isToMany()) {
     throw std::invalid_argument(
         fmt::format("\"{}\" is not a to-many relationship of {}", toMany, entity_->name()));
   }
-  const bool ordered = static_cast<const RelationshipDescription*>(p)->isOrdered();
-  setValue(withMember(primitiveValueForKey(toMany), object, false, ordered), toMany);
+  if (!object) return;
+  const auto& relationship = static_cast<const RelationshipDescription&>(*p);
+  const Value current = primitiveValueForKey(toMany);
+  const bool member =
+      current.isSet()
+          ? current.asSet().contains(Value(ObjectPtr(object)))
+          : std::ranges::any_of(membersOf(current), [&](const auto& m) { return m.get() == object.get(); });
+  if (member == add && !(add && relationship.isOrdered())) return;
+  willChangeValueForKey(toMany);
+  changeMember(values_[std::string(toMany)], object, add, relationship.isOrdered());
+  markChanged(toMany);
+  if (member != add) linkInverse(relationship, *object, add);
+  if (context_ != nullptr && context_->undoManager()) {
+    std::weak_ptr<ManagedObject> weakSelf = std::static_pointer_cast<ManagedObject>(shared_from_this());
+    std::weak_ptr<ManagedObject> weakObject = object;
+    context_->undoManager()->registerUndo([weakSelf, weakObject, add, name = std::string(toMany)] {
+      auto self = weakSelf.lock();
+      auto other = weakObject.lock();
+      if (self && other) self->changeToMany(other, name, !add);
+    });
+  }
+  didChangeValueForKey(toMany);
 }
 
 Dictionary ManagedObject::changedValues() const {

@@ -111,6 +111,7 @@ class ManagedObject : public ObjectWithID {
   void loadToMany(const RelationshipDescription& relationship) const;
   // Inverse upkeep: make `other`'s inverse of `relationship` include or drop this object.
   void linkInverse(const RelationshipDescription& relationship, ManagedObject& other, bool add);
+  void changeToMany(const std::shared_ptr<ManagedObject>& object, std::string_view toMany, bool add);
   void markChanged(std::string_view key);
   void notifyObservers(std::string_view key);
   // Drops values and links (for reset and destruction of the context).

@@ -70,6 +70,8 @@ class ManagedObjectContext {
   void setUndoManager(std::shared_ptr<UndoManager> undoManager) { undoManager_ = std::move(undoManager); }
   MergePolicyType mergePolicy() const { return mergePolicy_; }
   void setMergePolicy(MergePolicyType policy) { mergePolicy_ = policy; }
+  // Expires when the context is destroyed: what weak references to a context hold (WeakContext).
+  std::weak_ptr<const void> lifetimeToken() const { return lifetime_; }
 
   void performBlockAndWait(const std::function<void()>& block);
   void performBlock(std::function<void()> block);
@@ -147,6 +149,24 @@ class ManagedObjectContext {
   std::unique_ptr<OperationQueue> queue_;  // private-queue contexts
   std::unordered_map<ManagedObjectID, std::shared_ptr<ManagedObject>> registered_;
   std::unordered_map<const ManagedObject*, SqliteStore*> assigned_;
+  std::shared_ptr<const void> lifetime_ = std::make_shared<int>(0);
+};
+
+// A weak reference to a context, as value objects keep the context they resolve IDs in: get()
+// answers null once the context is gone. Copyable. As with any weak reference, the context's owner
+// must not destroy it while another thread is inside get()'s result.
+class WeakContext {
+ public:
+  WeakContext() = default;
+  WeakContext(ManagedObjectContext* context)  // NOLINT: stands for the pointer it wraps
+      : context_(context),
+        token_(context != nullptr ? context->lifetimeToken() : std::weak_ptr<const void>()) {}
+  ManagedObjectContext* get() const { return token_.expired() ? nullptr : context_; }
+  explicit operator bool() const { return get() != nullptr; }
+
+ private:
+  ManagedObjectContext* context_ = nullptr;
+  std::weak_ptr<const void> token_;
 };
 
 }  // namespace tesselune

@@ -14,8 +14,6 @@
 namespace tesselune {
 namespace {
 
-#ifdef TESSELUNE_STORE_SUPPORT
-
 using testing::ScratchHome;
 
 class StoreSupportProgramTest : public ::testing::Test {
@@ -105,14 +103,6 @@ TEST_F(StoreSupportProgramTest, AStoreThatCannotBeOpenedIsAlertedOnStandardError
   EXPECT_NE(run.err.find("Failure to add the Tesselune store."), std::string::npos) << run.err;
   EXPECT_EQ(testing::readWholeFile(home_.library().storeFile()), garbage);
 }
-
-#else
-
-TEST(StoreSupportProgram, NeedsTheDeletionEngine) {
-  GTEST_SKIP() << "tesselune-store-support is not built";
-}
-
-#endif
 
 }  // namespace
 }  // namespace tesselune
