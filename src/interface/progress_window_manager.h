@@ -11,6 +11,7 @@
 // main thread.
 #pragma once
 
+#include <QDialog>
 #include <QPoint>
 #include <QPointer>
 #include <atomic>
@@ -27,7 +28,6 @@
 #include "foundation/progress_reporter.h"
 #include "foundation/value.h"
 
-class QDialog;
 class QLabel;
 class QProgressBar;
 class QPushButton;
