@@ -43,6 +43,14 @@ std::optional<ManagedObjectID> objectIDForURI(const PersistentStoreCoordinator* 
   return coordinator->managedObjectIDForURIRepresentation(uri);
 }
 
+void obtainPermanentID(ManagedObjectContext& context, const std::shared_ptr<ManagedObject>& object,
+                       std::string_view failureLine) {
+  if (!object || !object->objectID().isTemporaryID()) return;
+  context.performBlockAndWait([&] {
+    if (!context.obtainPermanentIDsForObjects({object}) && !failureLine.empty()) printLine(failureLine);
+  });
+}
+
 std::shared_ptr<ManagedObject> sharedManagedObject(ManagedObject& object) {
   return std::static_pointer_cast<ManagedObject>(object.shared_from_this());
 }

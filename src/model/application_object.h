@@ -48,6 +48,29 @@ std::optional<ManagedObjectID> objectIDForURI(const PersistentStoreCoordinator* 
 // A managed object as the shared pointer its context keeps.
 std::shared_ptr<ManagedObject> sharedManagedObject(ManagedObject& object);
 
+// The object stored under `id` when it is a T, asked for synchronously on `context`; null for an
+// object of another class, and null with `failureLine` on standard output when the store cannot
+// give it.
+template <class T>
+std::shared_ptr<T> existingObjectOfClass(ManagedObjectContext& context, const ManagedObjectID& id,
+                                         std::string_view failureLine) {
+  std::shared_ptr<T> object;
+  context.performBlockAndWait([&] {
+    auto found = context.existingObjectWithID(id);
+    if (!found) {
+      printLine(failureLine);
+      return;
+    }
+    object = std::dynamic_pointer_cast<T>(*found);
+  });
+  return object;
+}
+
+// Gives `object` a permanent ID when its ID is temporary, synchronously on `context`; prints
+// `failureLine` (unless empty) when the store cannot, and the ID stays temporary.
+void obtainPermanentID(ManagedObjectContext& context, const std::shared_ptr<ManagedObject>& object,
+                       std::string_view failureLine = {});
+
 // An object ID made with plain allocation: it names nothing, and stands where an ID must never be
 // absent.
 inline bool isEmptyObjectID(const ManagedObjectID& id) {

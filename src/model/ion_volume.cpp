@@ -190,30 +190,18 @@ ManagedObjectContext* IonVolume::managedObjectContext() const {
 std::shared_ptr<IonVolumeGroup> IonVolume::ionVolumeGroup() const {
   ManagedObjectContext* context = managedObjectContext();
   if (!ionVolumeGroupID_ || isEmptyObjectID(*ionVolumeGroupID_)) return nullptr;
-  std::shared_ptr<IonVolumeGroup> group;
-  context->performBlockAndWait([&] {
-    auto found = context->existingObjectWithID(*ionVolumeGroupID_);
-    if (!found) {
-      printLine("Internal error. The ion volume group of an ion volume could not be retrieved.");
-      return;
-    }
-    group = std::dynamic_pointer_cast<IonVolumeGroup>(*found);
-  });
-  return group;
+  return existingObjectOfClass<IonVolumeGroup>(
+      *context, *ionVolumeGroupID_,
+      "Internal error. The ion volume group of an ion volume could not be retrieved.");
 }
 
 void IonVolume::setIonVolumeGroup(const std::shared_ptr<IonVolumeGroup>& group) {
   if (!group) return;
   if (group->objectID().isTemporaryID()) {
-    ManagedObjectContext* context = managedObjectContext();
-    context->performBlockAndWait([&] {
-      if (!context->obtainPermanentIDsForObjects({group})) {
-        printLine(
-            "Failure to incorporate an ion volume into its ion volume group. The ion volume group could not "
-            "be "
-            "realised in the store.");
-      }
-    });
+    obtainPermanentID(
+        *managedObjectContext(), group,
+        "Failure to incorporate an ion volume into its ion volume group. The ion volume group could "
+        "not be realised in the store.");
   }
   setIonVolumeGroupID(group->objectID());
 }

@@ -155,30 +155,18 @@ ManagedObjectContext* MarkerFragment::managedObjectContext() const {
 std::shared_ptr<MarkerFragmentGroup> MarkerFragment::markerFragmentGroup() const {
   ManagedObjectContext* context = managedObjectContext();
   if (isEmptyObjectID(groupID_)) return nullptr;
-  std::shared_ptr<MarkerFragmentGroup> group;
-  context->performBlockAndWait([&] {
-    auto found = context->existingObjectWithID(groupID_);
-    if (!found) {
-      printLine("Internal error. The marker fragment group of a marker fragment could not be retrieved.");
-      return;
-    }
-    group = std::dynamic_pointer_cast<MarkerFragmentGroup>(*found);
-  });
-  return group;
+  return existingObjectOfClass<MarkerFragmentGroup>(
+      *context, groupID_,
+      "Internal error. The marker fragment group of a marker fragment could not be retrieved.");
 }
 
 void MarkerFragment::setMarkerFragmentGroup(const std::shared_ptr<MarkerFragmentGroup>& group) {
   if (!group) return;
   if (group->objectID().isTemporaryID()) {
-    ManagedObjectContext* context = managedObjectContext();
-    context->performBlockAndWait([&] {
-      if (!context->obtainPermanentIDsForObjects({group})) {
-        printLine(
-            "Failure to incorporate a marker fragment into its fragment group. The fragment group could not "
-            "be "
-            "realised in the store.");
-      }
-    });
+    obtainPermanentID(
+        *managedObjectContext(), group,
+        "Failure to incorporate a marker fragment into its fragment group. The fragment group could "
+        "not be realised in the store.");
   }
   groupID_ = group->objectID();
 }

@@ -43,10 +43,7 @@ void MarkerFragmentGroup::setMarkerFragments(std::optional<ValueSet> fragments) 
     return;
   }
   ManagedObjectContext* context = managedObjectContext();
-  if (objectID().isTemporaryID() && context != nullptr) {
-    context->performBlockAndWait(
-        [&] { (void)context->obtainPermanentIDsForObjects({sharedManagedObject(*this)}); });
-  }
+  if (context != nullptr) obtainPermanentID(*context, sharedManagedObject(*this));
   const ManagedObjectID id = objectID();
   for (const Value& item : *fragments) {
     if (auto fragment = item.asObjectOf<MarkerFragment>()) {

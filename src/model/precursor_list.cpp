@@ -185,10 +185,7 @@ void PrecursorList::setCorrelatedPrecursors(std::optional<CorrelatedPrecursors> 
     return;
   }
   ManagedObjectContext* context = managedObjectContext();
-  if (objectID().isTemporaryID() && context != nullptr) {
-    context->performBlockAndWait(
-        [&] { (void)context->obtainPermanentIDsForObjects({sharedManagedObject(*this)}); });
-  }
+  if (context != nullptr) obtainPermanentID(*context, sharedManagedObject(*this));
   const ManagedObjectID id = objectID();
   Array stored;
   stored.reserve(precursors->size());
