@@ -54,17 +54,19 @@ std::vector<std::string> ruleEffects(const EntityDescription& start) {
     }
   };
   reach(start);
+  // Sub-entities inherit relationships: each is described once, under the entity declaring it.
+  std::set<const RelationshipDescription*> described;
   while (!pending.empty()) {
     const EntityDescription* entity = pending.front();
     pending.pop_front();
-    for (const auto& property : entity->ownProperties()) {
-      if (!property->isRelationship() || property->isTransient()) continue;
-      const auto& r = static_cast<const RelationshipDescription&>(*property);
+    for (const auto& [name, relationship] : entity->relationshipsByName()) {
+      const RelationshipDescription& r = *relationship;
+      if (r.isTransient() || !described.insert(&r).second) continue;
       const EntityDescription* destination = r.destinationEntity();
       if (destination == nullptr) continue;
-      const std::string where = fmt::format("{}.{}", entity->name(), r.name());
-      const bool manyToMany =
-          r.isToMany() && r.inverseRelationship() != nullptr && r.inverseRelationship()->isToMany();
+      const std::string where =
+          fmt::format("{}.{}", r.entity() != nullptr ? r.entity()->name() : entity->name(), r.name());
+      const RelationshipDescription* inverse = r.inverseRelationship();
       switch (r.deleteRule()) {
         case DeleteRule::Cascade:
           effects.push_back(
@@ -72,21 +74,19 @@ std::vector<std::string> ruleEffects(const EntityDescription& start) {
           reach(*destination);
           break;
         case DeleteRule::Nullify:
-          if (manyToMany) {
-            effects.push_back(
-                fmt::format("{}: nullify, removes the links to {}", where, destination->name()));
-          } else if (r.inverseRelationship() != nullptr) {
-            effects.push_back(fmt::format("{}: nullify, empties {}.{}", where, destination->name(),
-                                          r.inverseRelationshipName()));
+          if (inverse != nullptr) {
+            effects.push_back(fmt::format("{}: nullify, {} {}.{}", where,
+                                          inverse->isToMany() ? "removes them from" : "empties",
+                                          destination->name(), inverse->name()));
           }
           break;
         case DeleteRule::Deny:
-          effects.push_back(fmt::format("{}: deny, refuses the delete", where));
+          effects.push_back(fmt::format("{}: deny, refuses the delete while it names objects", where));
           break;
         case DeleteRule::NoAction:
-          if (r.inverseRelationship() != nullptr) {
+          if (inverse != nullptr) {
             effects.push_back(fmt::format("{}: no action, leaves {}.{} naming deleted objects", where,
-                                          destination->name(), r.inverseRelationshipName()));
+                                          destination->name(), inverse->name()));
           }
           break;
       }

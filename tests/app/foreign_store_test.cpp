@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -346,6 +347,116 @@ TEST(ForeignStore, HistoryTablesAndCoreDataTriggersKeepWorkingThroughADelete) {
   EXPECT_EQ(sql.value("SELECT COUNT(*) FROM sqlite_master WHERE type = 'trigger'"), "2");
   EXPECT_EQ(keyCounters(store), counters);
   expectStoreSound(store);
+}
+
+// A model whose rules the fixtures lack: cascades two levels deep, one of them declared on an abstract
+// parent and inherited by a sub-entity, a many-to-many pair, and a deny rule.
+constexpr std::string_view kNotesModel = R"xml(<?xml version="1.0" encoding="UTF-8" standalone="yes"?>
+<model type="com.apple.IDECoreDataModeler.DataModel" documentVersion="1.0">
+  <entity name="Folder">
+    <attribute name="name" optional="YES" attributeType="String"/>
+    <relationship name="items" optional="YES" toMany="YES" deletionRule="Cascade" destinationEntity="Item" inverseName="folder" inverseEntity="Item"/>
+  </entity>
+  <entity name="Item" isAbstract="YES">
+    <attribute name="title" optional="YES" attributeType="String"/>
+    <relationship name="folder" optional="YES" maxCount="1" deletionRule="Nullify" destinationEntity="Folder" inverseName="items" inverseEntity="Folder"/>
+    <relationship name="attachments" optional="YES" toMany="YES" deletionRule="Cascade" destinationEntity="Attachment" inverseName="item" inverseEntity="Attachment"/>
+    <relationship name="tags" optional="YES" toMany="YES" deletionRule="Nullify" destinationEntity="Tag" inverseName="items" inverseEntity="Tag"/>
+  </entity>
+  <entity name="Note" parentEntity="Item"/>
+  <entity name="Task" parentEntity="Item">
+    <attribute name="done" optional="YES" attributeType="Boolean"/>
+  </entity>
+  <entity name="Attachment">
+    <attribute name="file" optional="YES" attributeType="String"/>
+    <relationship name="item" optional="YES" maxCount="1" deletionRule="Nullify" destinationEntity="Item" inverseName="attachments" inverseEntity="Item"/>
+  </entity>
+  <entity name="Tag">
+    <attribute name="name" optional="YES" attributeType="String"/>
+    <relationship name="items" optional="YES" toMany="YES" deletionRule="Deny" destinationEntity="Item" inverseName="tags" inverseEntity="Item"/>
+  </entity>
+</model>)xml";
+
+class NotesStore : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const fs::path folder = scratchFolder("notes");
+    modelFolder_ = folder / "Notes.xcdatamodel";
+    fs::create_directories(modelFolder_);
+    std::ofstream(modelFolder_ / "contents") << kNotesModel;
+    store_ = folder / "Notes.sqlite";
+    auto model = ManagedObjectModel::modelWithContentsOfFile(modelFolder_);
+    ASSERT_TRUE(model) << model.error().localizedDescription();
+    auto made = SqliteStore::create(store_, *model, SqliteStore::Options{});
+    ASSERT_TRUE(made) << made.error().localizedDescription();
+    for (const auto& entity : (*model)->entities())
+      numbers_[entity->name()] = *(*made)->entityNumber(*entity);
+    const PropertyMapping* mapping =
+        (*made)->schema().mapping(*(*model)->entityNamed("Item")->relationshipsByName().at("tags"));
+    ASSERT_NE(mapping, nullptr);
+    const PropertyMapping tags = *mapping;
+    made->reset();
+    // Two folders; the first holds a note with two attachments and a task with one, the second a
+    // note with one. Everything is tagged.
+    const auto n = [this](const char* entity) { return std::to_string(numbers_[entity]); };
+    Sql(store_).run("INSERT INTO ZFOLDER (Z_PK, Z_ENT, Z_OPT, ZNAME) VALUES (1, " + n("Folder") +
+                    ", 1, 'Trash'), (2, " + n("Folder") + ", 1, 'Keep');" +
+                    "INSERT INTO ZITEM (Z_PK, Z_ENT, Z_OPT, ZTITLE, ZFOLDER) VALUES (1, " + n("Note") +
+                    ", 1, 'old', 1), (2, " + n("Task") + ", 1, 'chore', 1), (3, " + n("Note") +
+                    ", 1, 'kept', 2);" +
+                    "INSERT INTO ZATTACHMENT (Z_PK, Z_ENT, Z_OPT, ZFILE, ZITEM) VALUES (1, " +
+                    n("Attachment") + ", 1, 'a', 1), (2, " + n("Attachment") + ", 1, 'b', 1), (3, " +
+                    n("Attachment") + ", 1, 'c', 2), (4, " + n("Attachment") + ", 1, 'd', 3);" +
+                    "INSERT INTO ZTAG (Z_PK, Z_ENT, Z_OPT, ZNAME) VALUES (1, " + n("Tag") + ", 1, 'work');" +
+                    "INSERT INTO " + tags.table + " (" + tags.column + ", " + tags.otherColumn +
+                    ") VALUES (1, 1), (2, 1), (3, 1);" +
+                    "UPDATE Z_PRIMARYKEY SET Z_MAX = 4 WHERE Z_NAME = 'Attachment';" +
+                    "UPDATE Z_PRIMARYKEY SET Z_MAX = 3 WHERE Z_NAME = 'Item';" +
+                    "UPDATE Z_PRIMARYKEY SET Z_MAX = 2 WHERE Z_NAME = 'Folder';" +
+                    "UPDATE Z_PRIMARYKEY SET Z_MAX = 1 WHERE Z_NAME = 'Tag';");
+    joinTable_ = tags.table;
+  }
+
+  CommandResult run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--model", modelFolder_.string()});
+    return runCommand(store_, arguments);
+  }
+
+  fs::path modelFolder_;
+  fs::path store_;
+  std::map<std::string, std::int64_t> numbers_;
+  std::string joinTable_;
+};
+
+TEST_F(NotesStore, CascadesThroughInheritedRulesLeaveNoKeyBehind) {
+  const auto counters = keyCounters(store_);
+  const CommandResult dry = run({"delete", "Folder", "--where", "name == 'Trash'", "--dry-run"});
+  ASSERT_EQ(dry.exitCode, kExitOk) << dry.err;
+  for (const char* effect : {"Folder.items: cascade, deletes the Item objects it names",
+                             "Item.attachments: cascade, deletes the Attachment objects it names",
+                             "Item.tags: nullify, removes them from Tag.items"}) {
+    EXPECT_NE(dry.out.find(effect), std::string::npos) << effect << "\n" << dry.out;
+  }
+
+  const CommandResult done = run({"delete", "Folder", "--where", "name == 'Trash'"});
+  ASSERT_EQ(done.exitCode, kExitOk) << done.err;
+  EXPECT_NE(done.out.find("Deleted:\n  3 Attachment\n  1 Folder\n  1 Note\n  1 Task\n"), std::string::npos)
+      << done.out;
+  Sql sql(store_);
+  EXPECT_EQ(sql.value("SELECT group_concat(ZFILE) FROM ZATTACHMENT"), "d");
+  EXPECT_EQ(sql.value("SELECT group_concat(ZTITLE) FROM ZITEM"), "kept");
+  EXPECT_EQ(sql.value("SELECT COUNT(*) FROM " + joinTable_), "1");
+  EXPECT_EQ(sql.value("SELECT COUNT(*) FROM ZTAG"), "1");
+  EXPECT_EQ(keyCounters(store_), counters);
+  EXPECT_EQ(run({"verify"}).exitCode, kExitOk);
+}
+
+TEST_F(NotesStore, ADenyRuleRefusesTheWholeDelete) {
+  const CommandResult refused = run({"delete", "Tag", "--where", "TRUEPREDICATE"});
+  EXPECT_EQ(refused.exitCode, kExitFailure);
+  EXPECT_FALSE(refused.err.empty());
+  EXPECT_EQ(Sql(store_).value("SELECT COUNT(*) FROM ZTAG"), "1");
+  EXPECT_EQ(Sql(store_).value("SELECT COUNT(*) FROM " + joinTable_), "3");
 }
 
 }  // namespace
