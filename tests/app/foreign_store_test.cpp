@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -77,14 +78,16 @@ struct CommandResult {
   std::string err;
 };
 
-CommandResult runCommand(const fs::path& store, std::vector<std::string> arguments) {
+CommandResult runCommand(const fs::path& store, std::vector<std::string> arguments,
+                         std::FILE* progress = nullptr) {
   std::vector<std::string> line = {"tesselune-store", "--store", store.string()};
   line.insert(line.end(), arguments.begin(), arguments.end());
   std::vector<const char*> argv;
   for (const auto& argument : line) argv.push_back(argument.c_str());
   std::ostringstream out;
   std::ostringstream err;
-  const int code = runStoreCommand(static_cast<int>(argv.size()), argv.data(), CommandOutput{out, err});
+  const int code =
+      runStoreCommand(static_cast<int>(argv.size()), argv.data(), CommandOutput{out, err, progress});
   return {code, out.str(), err.str()};
 }
 
@@ -187,6 +190,17 @@ TEST(ForeignStore, AStoreWithoutItsModelAsksForOneAndTakesTheFittingVersion) {
     EXPECT_NE(result.err.find("--model PATH"), std::string::npos) << result.err;
   }
 
+  // A damaged cache is no model either: the same advice, never a crash.
+  for (const char* damage : {"UPDATE Z_MODELCACHE SET Z_CONTENT = X'FFFFFFFF00'",
+                             "UPDATE Z_MODELCACHE SET Z_CONTENT = substr(Z_CONTENT, 1, 200)"}) {
+    const fs::path damaged =
+        copyFixtureStore("coredata/moody/stores/Moody 3.moody", scratchFolder("damaged"));
+    Sql(damaged).run(damage);
+    const CommandResult result = runCommand(damaged, {"inspect"});
+    EXPECT_EQ(result.exitCode, kExitFailure) << damage;
+    EXPECT_NE(result.err.find("--model PATH"), std::string::npos) << result.err;
+  }
+
   const std::string bundle = std::string(TESSELUNE_FIXTURES_DIR) + "/coredata/moody/Moody.xcdatamodeld";
   const CommandResult chosen = runCommand(store, {"--model", bundle, "inspect"});
   ASSERT_EQ(chosen.exitCode, kExitOk) << chosen.err;
@@ -263,6 +277,16 @@ TEST(ForeignStore, DeleteByPredicateTakesOnlyTheMatchingSubEntityRows) {
   EXPECT_EQ(sql.rows("SELECT * FROM ZGEOGRAPHICREGION ORDER BY Z_PK"), regionsBefore);
   EXPECT_EQ(keyCounters(store), counters);
   expectStoreSound(store);
+}
+
+TEST(ForeignStore, VerifyFindsKeysOfRowsDeletedBehindCoreDatasBack) {
+  const fs::path store = copyFixtureStore("coredata/moody/stores/Moody.moody", scratchFolder("dangling"));
+  EXPECT_EQ(runCommand(store, {"verify"}).exitCode, kExitOk);
+  Sql(store).run("DELETE FROM ZGEOGRAPHICREGION WHERE Z_PK = 30");
+  const CommandResult damaged = runCommand(store, {"verify"});
+  EXPECT_EQ(damaged.exitCode, kExitFailure);
+  EXPECT_NE(damaged.out.find("Mood.country (ZMOOD.ZCOUNTRY)"), std::string::npos) << damaged.out;
+  EXPECT_NE(damaged.out.find("name a missing Country, keys 30"), std::string::npos) << damaged.out;
 }
 
 TEST(ForeignStore, DeleteRefusesWhatItCannotDoWithoutChangingTheStore) {
@@ -417,9 +441,9 @@ class NotesStore : public ::testing::Test {
     joinTable_ = tags.table;
   }
 
-  CommandResult run(std::vector<std::string> arguments) {
+  CommandResult run(std::vector<std::string> arguments, std::FILE* progress = nullptr) {
     arguments.insert(arguments.begin(), {"--model", modelFolder_.string()});
-    return runCommand(store_, arguments);
+    return runCommand(store_, arguments, progress);
   }
 
   fs::path modelFolder_;
@@ -438,8 +462,16 @@ TEST_F(NotesStore, CascadesThroughInheritedRulesLeaveNoKeyBehind) {
     EXPECT_NE(dry.out.find(effect), std::string::npos) << effect << "\n" << dry.out;
   }
 
-  const CommandResult done = run({"delete", "Folder", "--where", "name == 'Trash'"});
+  std::FILE* terminal = std::tmpfile();
+  ASSERT_NE(terminal, nullptr);
+  const CommandResult done = run({"delete", "Folder", "--where", "name == 'Trash'"}, terminal);
   ASSERT_EQ(done.exitCode, kExitOk) << done.err;
+  std::rewind(terminal);
+  std::string bar(256, '\0');
+  bar.resize(std::fread(bar.data(), 1, bar.size(), terminal));
+  std::fclose(terminal);
+  EXPECT_NE(bar.find("100%  Deleting Folder"), std::string::npos) << bar;
+  EXPECT_EQ(bar.back(), '\n');
   EXPECT_NE(done.out.find("Deleted:\n  3 Attachment\n  1 Folder\n  1 Note\n  1 Task\n"), std::string::npos)
       << done.out;
   Sql sql(store_);
