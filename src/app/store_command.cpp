@@ -12,6 +12,8 @@
 #include "app/data_library.h"
 #include "app/demo_store.h"
 #include "app/report_listing.h"
+#include "app/store_delete.h"
+#include "app/store_inspection.h"
 #include "app/store_maintenance.h"
 #include "app/store_verification.h"
 #include "app/terminal_progress_bar.h"
@@ -48,6 +50,13 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   app.add_option("--store", storePath,
                  "The store file to work on; by default TesseluneStore.tesselune in the shared data library "
                  "($XDG_DATA_HOME/Group Containers/KV3N8Q2ZR5.TesseluneGroup/Tesselune Data Library)");
+
+  std::string modelPath;
+  app.add_option(
+      "--model", modelPath,
+      "The model the store was made with (a .xcdatamodeld folder, a .xcdatamodel folder or its "
+      "contents file), for inspect, verify and delete; by default the Tesselune store model or the "
+      "model the store keeps of itself");
 
   CLI::App* create = app.add_subcommand("create", "Make a new, empty store (and the data library's folders)");
 
@@ -98,6 +107,22 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   CLI::App* verify = app.add_subcommand(
       "verify", "Check SQLite's integrity, references to missing rows and key counters; exit 1 when damaged");
 
+  bool inspectJson = false;
+  CLI::App* inspect = app.add_subcommand(
+      "inspect", "Describe any Core Data store: entities, tables, objects, relationships, metadata, files");
+  inspect->add_flag("--json", inspectJson, "Print JSON instead of text");
+
+  std::string deleteEntity;
+  std::string deleteWhere;
+  bool dryRun = false;
+  CLI::App* deleteCommand = app.add_subcommand(
+      "delete", "Delete the objects of an entity that match a predicate, with the store's delete rules");
+  deleteCommand->add_option("entity", deleteEntity, "The entity (its sub-entities' objects match too)")
+      ->required();
+  deleteCommand->add_option("--where", deleteWhere, "A predicate, as in \"name == 'Anna' AND age > 30\"")
+      ->required();
+  deleteCommand->add_flag("--dry-run", dryRun, "Only list what would be deleted");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -126,6 +151,43 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     output.out << fmt::format(
         "Made a demo store at {}: {} objects, {} marked for deletion, {} data folders\n",
         library->storeFile().string(), built->objects, built->marked, built->dataFolders);
+    return kExitOk;
+  }
+
+  if (*inspect || *verify || *deleteCommand) {
+    std::optional<std::filesystem::path> model;
+    if (!modelPath.empty()) model = modelPath;
+    // Only a real delete opens the store for writing.
+    auto opened = openStoreWithModel(library->storeFile(), model, !*deleteCommand || dryRun);
+    if (!opened) return failed(output, opened.error());
+    if (*inspect) {
+      auto found = inspectStore(*opened->store, opened->modelSource);
+      if (!found) return failed(output, found.error());
+      output.out << (inspectJson ? inspectionJson(*found) : formatInspection(*found));
+      return kExitOk;
+    }
+    if (*verify) {
+      auto result = verifyStore(*opened->store);
+      if (!result) return failed(output, result.error());
+      output.out << formatVerification(*result);
+      return result->ok() ? kExitOk : kExitFailure;
+    }
+    DeleteOptions options;
+    options.dryRun = dryRun;
+    Progress progress;
+    std::unique_ptr<TerminalProgressBar> bar;
+    if (output.progress != nullptr && !dryRun) {
+      bar = std::make_unique<TerminalProgressBar>(output.progress);
+      bar->setInfoText(fmt::format("Deleting {}", deleteEntity));
+      progress.addObserver([&bar](const Progress& p) {
+        if (p.totalUnitCount() > 0) bar->setMaximumIndicatorValue(static_cast<double>(p.totalUnitCount()));
+        bar->setIndicatorValue(p.completedUnitCount());
+      });
+    }
+    auto outcome = deleteObjectsMatching(*opened->store, deleteEntity, deleteWhere, options, &progress);
+    if (bar) bar->finish();
+    if (!outcome) return failed(output, outcome.error());
+    output.out << formatDeleteOutcome(*outcome);
     return kExitOk;
   }
 
@@ -178,12 +240,6 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     if (!found) return failed(output, found.error());
     output.out << fmt::format("Store: {}\n", library->storeFile().string()) << formatStatus(*found);
     return kExitOk;
-  }
-  if (*verify) {
-    auto result = verifyStore(*opened->store);
-    if (!result) return failed(output, result.error());
-    output.out << formatVerification(*result);
-    return result->ok() ? kExitOk : kExitFailure;
   }
   return usage(output, "no command given.");
 }

@@ -1,0 +1,87 @@
+// Opening any Core Data store for the maintenance command, with whichever model fits it (one the user
+// names, the Tesselune store model, or the model the store caches of itself), and describing what it
+// holds: entities with their tables and rows, relationships with their delete rules, metadata,
+// journal mode and file sizes, as text for people or JSON for scripts.
+//
+// Everything here reads; nothing writes unless the store is opened for writing and a caller writes.
+// Use an opened store from one thread.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "foundation/error.h"
+#include "objectstore/sqlite/sqlite_store.h"
+
+namespace tesselune {
+
+struct OpenedStore {
+  std::shared_ptr<const ManagedObjectModel> model;
+  std::unique_ptr<SqliteStore> store;
+  // Where the model came from, for people: a model file, "the Tesselune store model", or "the model
+  // cached in the store".
+  std::string modelSource;
+};
+
+// Opens the store file with a model that fits it. With `modelFile` (a .xcdatamodeld folder, whose
+// version that fits the store is taken, a .xcdatamodel folder or its contents file) only that model
+// is tried. Otherwise the Tesselune store model is taken when its entity version hashes are the
+// store's, and else the model cached in the store (proved by the same hashes). Fails with a text
+// saying so, and how to give a model with --model, when no model fits; and as SqliteStore::open.
+[[nodiscard]] Expected<OpenedStore> openStoreWithModel(const std::filesystem::path& storeFile,
+                                                       const std::optional<std::filesystem::path>& modelFile,
+                                                       bool readOnly);
+
+struct RelationshipSummary {
+  std::string name;
+  std::string destination;
+  std::string inverse;  // empty without one
+  bool toMany = false;
+  std::string deleteRule;  // "nullify", "cascade", "deny", "no action"
+  std::string storage;     // the column or join table that holds it
+};
+
+struct EntitySummary {
+  std::string name;
+  std::string superentity;  // empty for a root entity
+  bool isAbstract = false;
+  std::int64_t number = 0;  // Z_ENT
+  std::string table;
+  std::int64_t rows = 0;                           // objects of exactly this entity
+  std::int64_t rowsWithSubentities = 0;            // and of all entities below it
+  std::string versionHash;                         // the model's, in hex
+  std::string storeVersionHash;                    // the store's metadata's, in hex; empty when it has none
+  std::vector<RelationshipSummary> relationships;  // the entity's own, in the model's order
+};
+
+struct StoreInspection {
+  std::string path;
+  std::string modelSource;
+  std::string identifier;  // NSStoreUUID
+  std::string journalMode;
+  std::vector<std::pair<std::string, std::string>> metadata;  // key and a printable value, by key
+  std::vector<std::pair<std::string, std::uintmax_t>> files;  // the store file and its -wal, -shm
+  std::vector<EntitySummary> entities;                        // by name
+  // Tables the model does not explain (persistent history and the like) and the store's triggers.
+  std::vector<std::string> otherTables;
+  std::vector<std::string> triggers;
+};
+
+// Reads the store's bookkeeping and one row count per entity table; changes nothing.
+[[nodiscard]] Expected<StoreInspection> inspectStore(SqliteStore& store, const std::string& modelSource);
+std::string formatInspection(const StoreInspection& inspection);
+std::string inspectionJson(const StoreInspection& inspection);
+
+// The objects of exactly each entity, by entity name (entities without objects may be missing).
+[[nodiscard]] Expected<std::map<std::string, std::int64_t>> rowsPerEntity(SqliteStore& store);
+
+// "nullify" and the like, as the summaries write delete rules.
+std::string deleteRuleName(DeleteRule rule);
+
+}  // namespace tesselune
