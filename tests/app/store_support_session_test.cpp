@@ -15,6 +15,7 @@
 
 #include "app/report_listing.h"
 #include "app/store_maintenance.h"
+#include "app/store_verification.h"
 #include "app_test_support.h"
 #include "model/store_classes.h"
 #include "objectstore/sqlite/schema.h"
@@ -436,6 +437,13 @@ TEST_F(StoreSupportSessionTest, MarkedObjectsGoWithExactlyTheirCascadeDependants
 
   EXPECT_FALSE(fs::exists(dataFolder(2)));
   EXPECT_TRUE(fs::exists(dataFolder(1)));
+  {
+    auto opened = openMaintenanceStore(home_.library().storeFile(), true);
+    ASSERT_TRUE(opened);
+    auto verified = verifyStore(*opened->store);
+    ASSERT_TRUE(verified);
+    EXPECT_TRUE(verified->ok()) << formatVerification(*verified);
+  }
 
   const auto left = reports();
   ASSERT_EQ(left.size(), 1u);
