@@ -531,6 +531,18 @@ TEST_F(StoreSupportSessionTest, NoSignalWithoutTheApplicationOrWithoutAReport) {
   }
 }
 
+// Without a reachable bus the running application cannot be told: each pass that would have posted
+// says so in one line on standard output, and the run ends as usual.
+TEST_F(StoreSupportSessionTest, WithoutABusEachPassThatWouldPostSaysSoOnce) {
+  buildDemo(testing::smallDemo());
+  StandInApplication application(home_.root());
+  const auto run = runProgram();
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_EQ(countOf(run.out, "\n"), 2u) << run.out;
+  EXPECT_EQ(countOf(run.out, "The notification remoteObjectsDelete could not be posted"), 2u) << run.out;
+  EXPECT_EQ(reports().size(), 1u);
+}
+
 TEST_F(StoreSupportSessionTest, AReadOnlyDataFolderIsReportedAndTheStoreEntriesStillGo) {
   if (::geteuid() == 0) GTEST_SKIP() << "running as root: folder permissions do not stop the removal";
   buildDemo(testing::smallDemo());
