@@ -292,20 +292,7 @@ class StoreSupportSessionTest : public ::testing::Test {
       char buffer[4096];
       for (ssize_t n; (n = ::read(master, buffer, sizeof buffer)) > 0;) terminalText.append(buffer, n);
     });
-    std::map<std::string, std::string> merged;
-    for (char** e = environ; *e != nullptr; ++e) {
-      std::string entry(*e);
-      merged[entry.substr(0, entry.find('='))] = entry.substr(entry.find('=') + 1);
-    }
-    for (const auto& [name, value] : environment()) {
-      if (value.empty()) {
-        merged.erase(name);
-      } else {
-        merged[name] = value;
-      }
-    }
-    std::vector<std::string> entries;
-    for (const auto& [name, value] : merged) entries.push_back(name + "=" + value);
+    std::vector<std::string> entries = testing::childEnvironment(environment());
     std::vector<char*> envp;
     for (auto& entry : entries) envp.push_back(entry.data());
     envp.push_back(nullptr);
