@@ -8,6 +8,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <set>
@@ -127,6 +128,22 @@ std::vector<std::string> reportKeys(const DeletionReport& report) {
   std::vector<std::string> keys;
   for (const Url& uri : report.uris) keys.push_back(rowKeyOfUri(uri.absoluteString()));
   return keys;
+}
+
+// A row goes when it is marked or an owner of it goes; every other row stays.
+void expectCascadeRulesFollowed(const StoreRows& before, const std::set<std::string>& after,
+                                const std::set<std::string>& markedKeys) {
+  for (const auto& [key, owners] : before.rows) {
+    const bool ownerGone = std::any_of(owners.begin(), owners.end(),
+                                       [&](const Owner& owner) { return !after.contains(owner.row); });
+    if (!after.contains(key)) {
+      EXPECT_TRUE(markedKeys.contains(key) || ownerGone) << key << " went without its owner";
+    } else {
+      EXPECT_FALSE(ownerGone) << key << " stayed without its owner";
+    }
+  }
+  for (const std::string& key : markedKeys) EXPECT_FALSE(after.contains(key)) << key;
+  for (const std::string& key : after) EXPECT_TRUE(before.rows.contains(key)) << "new row " << key;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -279,8 +296,9 @@ class StoreSupportSessionTest : public ::testing::Test {
     return testing::runProcess(TESSELUNE_STORE_SUPPORT, {}, environment(busAddress), home_.root());
   }
 
-  // Standard error on a terminal, where the program echoes its log lines.
-  testing::ProcessResult runProgramOnTerminal() {
+  // Standard error on a terminal, where the program echoes its log lines. With `killAt`, the program
+  // is killed as soon as that text appears there.
+  testing::ProcessResult runProgramOnTerminal(const std::string& killAt = {}) {
     testing::ProcessResult result;
     int master = -1, replica = -1;
     if (::openpty(&master, &replica, nullptr, nullptr, nullptr) != 0) {
@@ -288,9 +306,17 @@ class StoreSupportSessionTest : public ::testing::Test {
       return result;
     }
     std::string terminalText;
-    std::thread reader([master, &terminalText] {
+    std::atomic<pid_t> child{-1};
+    std::thread reader([&, master] {
       char buffer[4096];
-      for (ssize_t n; (n = ::read(master, buffer, sizeof buffer)) > 0;) terminalText.append(buffer, n);
+      bool killed = false;
+      for (ssize_t n; (n = ::read(master, buffer, sizeof buffer)) > 0;) {
+        terminalText.append(buffer, n);
+        if (killed || killAt.empty() || terminalText.find(killAt) == std::string::npos) continue;
+        // The line can only come from the child, so it has been started and its id stored.
+        while (child.load() <= 0) std::this_thread::yield();
+        killed = ::kill(child.load(), SIGKILL) == 0;
+      }
     });
     std::vector<std::string> entries = testing::childEnvironment(environment());
     std::vector<char*> envp;
@@ -306,6 +332,7 @@ class StoreSupportSessionTest : public ::testing::Test {
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     pid_t pid = -1;
     const int spawned = ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, envp.data());
+    if (spawned == 0) child = pid;
     posix_spawn_file_actions_destroy(&actions);
     ::close(replica);
     int status = 0;
@@ -393,34 +420,24 @@ TEST_F(StoreSupportSessionTest, MarkedObjectsGoWithExactlyTheirCascadeDependants
   EXPECT_EQ(run.err.find("Alert"), std::string::npos) << run.err;
 
   const std::set<std::string> after = rows().keys();
-  std::set<std::string> removed;
-  for (const std::string& key : before.keys())
-    if (!after.contains(key)) removed.insert(key);
-  for (const std::string& key : after) EXPECT_TRUE(before.rows.contains(key)) << "new row " << key;
-  for (const std::string& key : markedKeys) EXPECT_TRUE(removed.contains(key)) << key;
+  expectCascadeRulesFollowed(before, after, markedKeys);
 
-  // A row goes when it is marked or an owner of it goes; every other row stays. Rows reached by a
-  // marked object's own cascade relationships are the clean-up's and are reported, except the
-  // peptide identifications, which the clean-up leaves to the store's delete rules.
+  // Rows reached by a marked object's own cascade relationships are the clean-up's and are
+  // reported, except the peptide identifications, which the clean-up leaves to the store's delete
+  // rules.
   std::set<std::string> expectedInReport = markedKeys;
-  std::size_t peptidesGone = 0;
+  std::size_t removed = 0, peptidesGone = 0;
   for (const auto& [key, owners] : before.rows) {
-    bool ownerGone = false;
+    if (after.contains(key)) continue;
+    ++removed;
+    if (key.starts_with("PeptideID")) ++peptidesGone;
     for (const Owner& owner : owners) {
-      if (!removed.contains(owner.row)) continue;
-      ownerGone = true;
       const bool leftOut = owner.relationship == "peptideID" || owner.relationship == "peptideIDsJoined";
       if (markedKeys.contains(owner.row) && !leftOut) expectedInReport.insert(key);
     }
-    if (removed.contains(key)) {
-      EXPECT_TRUE(markedKeys.contains(key) || ownerGone) << key << " went without its owner";
-      if (key.starts_with("PeptideID")) ++peptidesGone;
-    } else {
-      EXPECT_FALSE(ownerGone) << key << " stayed without its owner";
-    }
   }
   EXPECT_GT(peptidesGone, 0u) << "the store's delete rules take the peptide identifications";
-  EXPECT_GT(removed.size(), expectedInReport.size());
+  EXPECT_GT(removed, expectedInReport.size());
 
   EXPECT_FALSE(fs::exists(dataFolder(2)));
   EXPECT_TRUE(fs::exists(dataFolder(1)));
@@ -448,6 +465,32 @@ TEST_F(StoreSupportSessionTest, MarkedObjectsGoWithExactlyTheirCascadeDependants
   EXPECT_EQ(countOf(again.err, "Starting delete operation"), 1u) << again.err;
   EXPECT_EQ(rows().keys(), after);
   EXPECT_EQ(reports().size(), 1u);
+}
+
+// A run killed part-way (the chromatogram and the search gone, the search group, the data collection
+// and the report not yet) leaves a store that the next run completes: the marks stay until their
+// objects go.
+TEST_F(StoreSupportSessionTest, ARunKilledPartWayIsCompletedByTheNextRun) {
+  buildDemo(testing::smallDemo());
+  std::set<std::string> markedKeys;
+  for (const auto& mark : marked()) markedKeys.insert(rowKeyOfUri(mark.uri));
+  const StoreRows before = rows();
+
+  const auto killed = runProgramOnTerminal("Starting to delete a database search group");
+  if (killed.exitCode != -1) GTEST_SKIP() << "the run ended before it could be killed:\n" << killed.err;
+  ASSERT_EQ(marked().size(), 2u) << "the kill should leave the search group and the data collection";
+  EXPECT_TRUE(reports().empty());
+  const auto completed = runProgram();
+  EXPECT_EQ(completed.exitCode, 0) << completed.err;
+
+  expectCascadeRulesFollowed(before, rows().keys(), markedKeys);
+  EXPECT_FALSE(fs::exists(dataFolder(2)));
+  auto opened = openMaintenanceStore(home_.library().storeFile(), true);
+  ASSERT_TRUE(opened);
+  auto verified = verifyStore(*opened->store);
+  ASSERT_TRUE(verified);
+  EXPECT_TRUE(verified->ok()) << formatVerification(*verified);
+  EXPECT_FALSE(reports().empty());
 }
 
 // Reports the main application has not read yet stay; the new one takes the first free name. With no
