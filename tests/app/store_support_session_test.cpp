@@ -1,7 +1,7 @@
 // Whole runs of the built store support program against scratch data libraries, checked from the
-// outside: the store's rows before and after (read with SQLite itself, not through the engine), the
-// report files, the data folders, what a terminal would show, and the D-Bus signals a private bus
-// carries to a listening dbus-monitor.
+// outside: the store's rows before and after (read with SQLite itself, the cascade rules taken from the
+// store model), the report files, the data folders, what a terminal would show, and the D-Bus signals a
+// private bus carries to a listening dbus-monitor.
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <signal.h>
@@ -457,8 +457,10 @@ TEST_F(StoreSupportSessionTest, MarkedObjectsGoWithExactlyTheirCascadeDependants
   const std::vector<std::string> listed = reportKeys(*left[0].report);
   EXPECT_EQ(std::set<std::string>(listed.begin(), listed.end()), expectedInReport);
   EXPECT_EQ(listed.size(), expectedInReport.size()) << "an object listed twice";
-  const std::string storeHost = marks[0].uri.substr(0, marks[0].uri.find('/', 13));
-  for (const Url& uri : left[0].report->uris) EXPECT_TRUE(uri.absoluteString().starts_with(storeHost + "/"));
+  // Every URI names this store: the same prefix as the marked objects' own URIs.
+  const std::string storePrefix =
+      marks[0].uri.substr(0, marks[0].uri.size() - rowKeyOfUri(marks[0].uri).size());
+  for (const Url& uri : left[0].report->uris) EXPECT_TRUE(uri.absoluteString().starts_with(storePrefix));
 
   const auto again = runProgramOnTerminal();
   EXPECT_EQ(again.exitCode, 0);
