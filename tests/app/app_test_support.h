@@ -91,11 +91,9 @@ inline std::string readWholeFile(const std::filesystem::path& file) {
   return text.str();
 }
 
-// Runs `program` with `arguments`, the test's environment with `overrides` applied (an empty value
-// removes the variable), standard output and error captured through files in `scratch`.
-inline ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments,
-                                const std::map<std::string, std::string>& overrides,
-                                const std::filesystem::path& scratch) {
+// The test's own environment with `overrides` applied (an empty value removes the variable), as
+// "NAME=value" entries.
+inline std::vector<std::string> childEnvironment(const std::map<std::string, std::string>& overrides) {
   std::map<std::string, std::string> variables;
   for (char** e = environ; *e != nullptr; ++e) {
     std::string entry(*e);
@@ -111,6 +109,15 @@ inline ProcessResult runProcess(const std::string& program, const std::vector<st
   }
   std::vector<std::string> environmentText;
   for (const auto& [name, value] : variables) environmentText.push_back(name + "=" + value);
+  return environmentText;
+}
+
+// Runs `program` with `arguments`, the test's environment with `overrides` applied (an empty value
+// removes the variable), standard output and error captured through files in `scratch`.
+inline ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments,
+                                const std::map<std::string, std::string>& overrides,
+                                const std::filesystem::path& scratch) {
+  std::vector<std::string> environmentText = childEnvironment(overrides);
   std::vector<char*> envp;
   for (auto& entry : environmentText) envp.push_back(entry.data());
   envp.push_back(nullptr);

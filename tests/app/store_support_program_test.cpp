@@ -1,6 +1,6 @@
 // The built store support program run as a process on scratch libraries, headless (no display, no
-// session bus): it deletes what the demo store marks and leaves one report, does nothing on a
-// second run, refuses arguments without touching the store, and reports an unreadable store.
+// session bus): it refuses arguments without touching the store and reports an unreadable store.
+// Whole clean-ups are checked in store_support_session_test.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -37,50 +37,6 @@ class StoreSupportProgramTest : public ::testing::Test {
 
   ScratchHome home_;
 };
-
-TEST_F(StoreSupportProgramTest, MarkedObjectsGoWithTheirDataFolderAndOneReportIsLeft) {
-  ASSERT_TRUE(buildDemoStore(home_.library(), testing::smallDemo(), nullptr));
-  const StoreStatus before = status();
-  ASSERT_EQ(before.marked.size(), 4u);
-
-  const auto run = runProgram();
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  // A clean run shows no alert at all.
-  EXPECT_EQ(run.err.find("Alert"), std::string::npos) << run.err;
-
-  const StoreStatus after = status();
-  EXPECT_TRUE(after.marked.empty());
-  for (const auto& entry : after.counts) {
-    if (entry.entity == "Chromatogram" || entry.entity == "DatabaseSearchResult" ||
-        entry.entity == "DataCollection") {
-      EXPECT_EQ(entry.count, 1) << entry.entity;
-    }
-  }
-  EXPECT_FALSE(std::filesystem::exists(home_.library().folder() / "Chromatogram 2.data"));
-  EXPECT_TRUE(std::filesystem::exists(home_.library().folder() / "Chromatogram 1.data"));
-  {
-    auto opened = openMaintenanceStore(home_.library().storeFile(), true);
-    ASSERT_TRUE(opened);
-    auto verified = verifyStore(*opened->store);
-    ASSERT_TRUE(verified);
-    EXPECT_TRUE(verified->ok()) << formatVerification(*verified);
-  }
-
-  const auto reports = readReports(home_.library().temporaryFolder());
-  ASSERT_EQ(reports.size(), 1u);
-  ASSERT_TRUE(reports[0].report);
-  EXPECT_TRUE(reports[0].report->chromatogramDeleted);
-  std::vector<std::string> uris;
-  for (const Url& uri : reports[0].report->uris) uris.push_back(uri.absoluteString());
-  for (const auto& object : before.marked) {
-    EXPECT_NE(std::find(uris.begin(), uris.end(), object.uri), uris.end()) << object.uri;
-  }
-
-  // Nothing is left to do: no second report.
-  const auto again = runProgram();
-  EXPECT_EQ(again.exitCode, 0);
-  EXPECT_EQ(readReports(home_.library().temporaryFolder()).size(), 1u);
-}
 
 TEST_F(StoreSupportProgramTest, ArgumentsGetOneLineAndLeaveTheStoreAlone) {
   ASSERT_TRUE(buildDemoStore(home_.library(), testing::smallDemo(), nullptr));
