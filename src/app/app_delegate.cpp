@@ -10,9 +10,11 @@ namespace tesselune {
 
 AppDelegate::AppDelegate(StoreSupportServices services) : services_(std::move(services)) {}
 
-// The container's own destructor waits for its queue; releasing it here, on the main thread after
-// the loop, keeps the last reference off the queue's threads so that the wait happens.
+// The loop ends once the driver has asked to terminate, which is the last thing it does; waiting
+// for its queue to go idle then costs nothing and leaves the last reference to the container here,
+// on the main thread, so that the store closes before the program ends.
 AppDelegate::~AppDelegate() {
+  if (container_) container_->defaultOperationQueue().waitUntilAllOperationsAreFinished();
   container_.reset();
 }
 

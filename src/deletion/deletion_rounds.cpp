@@ -47,9 +47,13 @@ std::shared_ptr<StoreSupportContainer> startStoreSupport(const StoreSupportServi
     alertFailure(opened.error());
     return nullptr;
   }
-  (*container)->defaultOperationQueue().addOperationWithBlock([held = *container] {
-    runDeletionRounds(held);
-  });
+  // The block holds the container only while it runs, so that the caller, waiting for the queue
+  // to go idle, drops the last reference on its own thread.
+  (*container)
+      ->defaultOperationQueue()
+      .addOperationWithBlock([weak = std::weak_ptr<StoreSupportContainer>(*container)] {
+        if (auto held = weak.lock()) runDeletionRounds(held);
+      });
   return *container;
 }
 

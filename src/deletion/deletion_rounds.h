@@ -31,8 +31,9 @@ DeletionRoundsSummary runDeletionRounds(const std::shared_ptr<StoreSupportContai
 
 // Launch after the archive classes are registered: logs the start, makes the container and opens
 // the store. On success the driver is queued on the container's queue and the container answered;
-// the caller keeps it until the program ends. When the store cannot be opened, the critical alert
-// is shown on the calling thread and nothing is answered: the caller then exits with status 0 at once.
+// the caller keeps it until its queue is idle (the driver holds it only while running). When the store cannot
+// be opened, the critical alert is shown on the calling thread and nothing is answered: the caller then exits
+// with status 0 at once.
 std::shared_ptr<StoreSupportContainer> startStoreSupport(const StoreSupportServices& services);
 
 }  // namespace tesselune
