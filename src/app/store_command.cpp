@@ -13,7 +13,7 @@
 #include "app/demo_store.h"
 #include "app/report_listing.h"
 #include "app/store_delete.h"
-#include "app/store_inspection.h"
+#include "app/store_description.h"
 #include "app/store_maintenance.h"
 #include "app/store_verification.h"
 #include "app/terminal_progress_bar.h"

@@ -9,7 +9,7 @@
 #include <map>
 #include <set>
 
-#include "app/store_inspection.h"
+#include "app/store_description.h"
 #include "app/store_maintenance.h"
 #include "objectstore/managed_object_id.h"
 #include "objectstore/sqlite/batch_delete.h"

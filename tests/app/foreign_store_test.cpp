@@ -14,7 +14,7 @@
 
 #include "app/store_command.h"
 #include "app/store_delete.h"
-#include "app/store_inspection.h"
+#include "app/store_description.h"
 #include "app/store_verification.h"
 #include "fixtures.h"
 #include "objectstore/description/managed_object_model.h"

@@ -1,5 +1,5 @@
 // Opening any store with a model that fits it, and describing what it holds.
-#include "app/store_inspection.h"
+#include "app/store_description.h"
 
 #include <fmt/format.h>
 
