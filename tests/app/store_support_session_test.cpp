@@ -21,11 +21,14 @@
 #include "model/store_classes.h"
 #include "objectstore/sqlite/schema.h"
 #include "objectstore/sqlite/sqlite_store.h"
+#include "private_bus.h"
 
 namespace tesselune {
 namespace {
 
 namespace fs = std::filesystem;
+using test::PrivateBus;
+using test::spawnProcess;
 using testing::ScratchHome;
 
 // ---------------------------------------------------------------------------------------------
@@ -149,66 +152,40 @@ void expectCascadeRulesFollowed(const StoreRows& before, const std::set<std::str
 // ---------------------------------------------------------------------------------------------
 // A private session bus with a dbus-monitor listening on our interface.
 
-class PrivateBus {
+class MonitoredBus {
  public:
-  explicit PrivateBus(const fs::path& folder) : folder_(folder) {
-    fs::create_directories(folder);
-    const fs::path config = folder / "session.conf";
-    std::ofstream(config)
-        << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-           "<busconfig><type>session</type><listen>unix:path="
-        << (folder / "bus").string()
-        << "</listen><auth>EXTERNAL</auth>"
-           "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-           "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
-    int pipeEnds[2];
-    if (::pipe(pipeEnds) != 0) return;
+  explicit MonitoredBus(const fs::path& folder) : folder_(folder), bus_(folder) {
+    if (bus_.address().empty()) return;
     posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    // The reading end goes first: it may be descriptor 3 itself.
-    posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 3);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    daemon_ =
-        spawn({"dbus-daemon", "--config-file=" + config.string(), "--nofork", "--print-address=3"}, &actions);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(pipeEnds[1]);
-    char c = 0;
-    while (::read(pipeEnds[0], &c, 1) == 1 && c != '\n') address_.push_back(c);
-    ::close(pipeEnds[0]);
-    if (address_.empty()) return;
-
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, monitorFile().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    monitor_ =
-        spawn({"dbus-monitor", "--address", address_, "type='signal',interface='org.tesselune.StoreSupport'"},
-              &actions);
+    monitor_ = spawnProcess(
+        {"dbus-monitor", "--address", bus_.address(), "type='signal',interface='org.tesselune.StoreSupport'"},
+        &actions);
     posix_spawn_file_actions_destroy(&actions);
     // The monitor is listening once the bus has taken its name away.
     ready_ = waitForMonitorText("member=NameLost");
   }
-  ~PrivateBus() {
-    for (pid_t pid : {monitor_, daemon_}) {
-      if (pid <= 0) continue;
-      ::kill(pid, SIGTERM);
-      ::waitpid(pid, nullptr, 0);
+  ~MonitoredBus() {
+    if (monitor_ > 0) {
+      ::kill(monitor_, SIGTERM);
+      ::waitpid(monitor_, nullptr, 0);
     }
   }
-  PrivateBus(const PrivateBus&) = delete;
-  PrivateBus& operator=(const PrivateBus&) = delete;
+  MonitoredBus(const MonitoredBus&) = delete;
+  MonitoredBus& operator=(const MonitoredBus&) = delete;
 
   bool ready() const { return ready_; }
-  const std::string& address() const { return address_; }
+  const std::string& address() const { return bus_.address(); }
 
   // The deletion signals seen so far. A marker signal sent now arrives after anything the bus
   // already took in, so every signal of a finished run is counted.
   int deletionSignals() {
     const std::string marker = "marker" + std::to_string(++markers_);
-    pid_t sender = spawn({"dbus-send", "--bus=" + address_, "--type=signal", "/org/tesselune/StoreSupport",
-                          "org.tesselune.StoreSupport." + marker},
-                         nullptr);
+    pid_t sender = spawnProcess({"dbus-send", "--bus=" + address(), "--type=signal",
+                                 "/org/tesselune/StoreSupport", "org.tesselune.StoreSupport." + marker},
+                                nullptr);
     ::waitpid(sender, nullptr, 0);
     EXPECT_TRUE(waitForMonitorText("member=" + marker));
     const std::string text = testing::readWholeFile(monitorFile());
@@ -234,18 +211,8 @@ class PrivateBus {
     return false;
   }
 
-  static pid_t spawn(std::vector<std::string> arguments, const posix_spawn_file_actions_t* actions) {
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (::posix_spawnp(&pid, argv[0], actions, nullptr, argv.data(), environ) != 0) return -1;
-    return pid;
-  }
-
   fs::path folder_;
-  std::string address_;
-  pid_t daemon_ = -1;
+  PrivateBus bus_;
   pid_t monitor_ = -1;
   bool ready_ = false;
   int markers_ = 0;
@@ -531,7 +498,7 @@ TEST_F(StoreSupportSessionTest, AMissingTemporaryFolderIsCreatedForTheReport) {
 // Each pass that finds a report tells a running main application: the pass that wrote it and the
 // pass after it that found nothing to delete; a later run finds the report still there.
 TEST_F(StoreSupportSessionTest, TheSignalGoesOutOncePerPassThatFindsAReportWhileTheApplicationRuns) {
-  PrivateBus bus(home_.root() / "bus");
+  MonitoredBus bus(home_.root() / "bus");
   ASSERT_TRUE(bus.ready()) << "dbus-daemon and dbus-monitor are needed";
   buildDemo(testing::smallDemo());
   {
@@ -550,7 +517,7 @@ TEST_F(StoreSupportSessionTest, TheSignalGoesOutOncePerPassThatFindsAReportWhile
 }
 
 TEST_F(StoreSupportSessionTest, NoSignalWithoutTheApplicationOrWithoutAReport) {
-  PrivateBus bus(home_.root() / "bus");
+  MonitoredBus bus(home_.root() / "bus");
   ASSERT_TRUE(bus.ready()) << "dbus-daemon and dbus-monitor are needed";
   DemoOptions options = testing::smallDemo();
   options.markedChromatograms = options.markedSearches = options.markedSearchGroups =

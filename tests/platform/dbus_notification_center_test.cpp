@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "private_bus.h"
 #include "qt_test_application.h"
 
 extern char** environ;
@@ -35,53 +36,7 @@ class SignalRecorder : public QObject {
   void onSignal(const QDBusMessage& message) { received.push_back(message); }
 };
 
-// A dbus-daemon of our own, with its own configuration and socket; stopped in the destructor.
-class PrivateBus {
- public:
-  explicit PrivateBus(const std::filesystem::path& folder) {
-    std::filesystem::create_directories(folder);
-    const std::filesystem::path config = folder / "session.conf";
-    std::ofstream(config)
-        << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-           "<busconfig><type>session</type><listen>unix:path="
-        << (folder / "bus").string()
-        << "</listen><auth>EXTERNAL</auth>"
-           "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-           "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
-    int pipeEnds[2];
-    if (::pipe(pipeEnds) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 3);
-    posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
-    const std::string configArgument = "--config-file=" + config.string();
-    std::vector<std::string> arguments = {"dbus-daemon", configArgument, "--nofork", "--print-address=3"};
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    if (::posix_spawnp(&pid_, "dbus-daemon", &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(pipeEnds[1]);
-    // The daemon prints its address once it listens.
-    char c = 0;
-    while (::read(pipeEnds[0], &c, 1) == 1 && c != '\n') address_.push_back(c);
-    ::close(pipeEnds[0]);
-  }
-  ~PrivateBus() { stop(); }
-
-  void stop() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGTERM);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-  const std::string& address() const { return address_; }
-
- private:
-  pid_t pid_ = -1;
-  std::string address_;
-};
+using test::PrivateBus;
 
 class DbusNotificationCenterTest : public ::testing::Test {
  protected:
