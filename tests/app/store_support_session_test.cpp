@@ -265,7 +265,8 @@ class StoreSupportSessionTest : public ::testing::Test {
 
   // Standard error on a terminal, where the program echoes its log lines. With `killAt`, the program
   // is killed as soon as that text appears there.
-  testing::ProcessResult runProgramOnTerminal(const std::string& killAt = {}) {
+  testing::ProcessResult runProgramOnTerminal(const std::string& killAt = {},
+                                              const std::string& busAddress = {}) {
     testing::ProcessResult result;
     int master = -1, replica = -1;
     if (::openpty(&master, &replica, nullptr, nullptr, nullptr) != 0) {
@@ -285,7 +286,7 @@ class StoreSupportSessionTest : public ::testing::Test {
         killed = ::kill(child.load(), SIGKILL) == 0;
       }
     });
-    std::vector<std::string> entries = testing::childEnvironment(environment());
+    std::vector<std::string> entries = testing::childEnvironment(environment(busAddress));
     std::vector<char*> envp;
     for (auto& entry : entries) envp.push_back(entry.data());
     envp.push_back(nullptr);
@@ -501,19 +502,25 @@ TEST_F(StoreSupportSessionTest, TheSignalGoesOutOncePerPassThatFindsAReportWhile
   MonitoredBus bus(home_.root() / "bus");
   ASSERT_TRUE(bus.ready()) << "dbus-daemon and dbus-monitor are needed";
   buildDemo(testing::smallDemo());
+  // Every pass of these runs finds the report the first one left, so each posts once; the passes
+  // are counted from the log the program echoes on a terminal.
+  int passes = 0;
   {
     StandInApplication application(home_.root());
-    auto run = runProgram(bus.address());
+    auto run = runProgramOnTerminal({}, bus.address());
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(bus.deletionSignals(), 2);
-    run = runProgram(bus.address());
+    passes = static_cast<int>(countOf(run.err, "Starting delete operation"));
+    EXPECT_GE(passes, 2) << run.err;
+    EXPECT_EQ(bus.deletionSignals(), passes) << run.err;
+    run = runProgramOnTerminal({}, bus.address());
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(bus.deletionSignals(), 3);
+    passes += static_cast<int>(countOf(run.err, "Starting delete operation"));
+    EXPECT_EQ(bus.deletionSignals(), passes) << run.err;
   }
   // The same report is waiting, but nobody is there to read it.
   const auto run = runProgram(bus.address());
   EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(bus.deletionSignals(), 3);
+  EXPECT_EQ(bus.deletionSignals(), passes);
 }
 
 TEST_F(StoreSupportSessionTest, NoSignalWithoutTheApplicationOrWithoutAReport) {
