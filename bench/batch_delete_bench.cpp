@@ -15,6 +15,8 @@
 #include <fstream>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "objectstore/sqlite/batch_delete.h"
 
@@ -153,8 +155,9 @@ void BM_BatchDeleteChunkSizes(benchmark::State& state) {
   runBatchDelete(state, state.range(0), state.range(1));
 }
 
-// The same rows, no rules: SQLite's own speed for the request's own statement.
-void BM_PlainDeleteWithoutRules(benchmark::State& state) {
+// Runs `statements` in one exclusive transaction on a fresh copy of the store per iteration, timing
+// only the transaction.
+void runSqlDelete(benchmark::State& state, const std::vector<std::string>& statements) {
   const std::int64_t parents = state.range(0);
   (void)templateStore(parents);
   resetPeakResident();
@@ -164,7 +167,7 @@ void BM_PlainDeleteWithoutRules(benchmark::State& state) {
     if (!db) throw std::runtime_error(db.error().debugDescription());
     state.ResumeTiming();
     check((*db)->execute("BEGIN EXCLUSIVE"));
-    check((*db)->execute("DELETE FROM ZPARENT WHERE Z_PK IN (SELECT Z_PK FROM ZPARENT)"));
+    for (const std::string& statement : statements) check((*db)->execute(statement));
     check((*db)->execute("COMMIT"));
     state.PauseTiming();
     db->reset();
@@ -173,28 +176,17 @@ void BM_PlainDeleteWithoutRules(benchmark::State& state) {
   report(state, parents);
 }
 
+// The same rows, no rules: SQLite's own speed for the request's own statement.
+void BM_PlainDeleteWithoutRules(benchmark::State& state) {
+  runSqlDelete(state, {"DELETE FROM ZPARENT WHERE Z_PK IN (SELECT Z_PK FROM ZPARENT)"});
+}
+
 // The rules done by hand, one statement per relationship over the whole set.
 void BM_SetWiseDeleteByHand(benchmark::State& state) {
-  const std::int64_t parents = state.range(0);
-  (void)templateStore(parents);
-  resetPeakResident();
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto db = Database::open(freshCopy(parents), Database::Mode::ReadWrite);
-    if (!db) throw std::runtime_error(db.error().debugDescription());
-    state.ResumeTiming();
-    check((*db)->execute("BEGIN EXCLUSIVE"));
-    check((*db)->execute("DELETE FROM ZCHILD WHERE ZPARENT IN (SELECT Z_PK FROM ZPARENT)"));
-    check(
-        (*db)->execute("UPDATE ZREFERENCE SET ZPARENT = NULL, Z_OPT = Z_OPT + 1 WHERE ZPARENT IN (SELECT "
-                       "Z_PK FROM ZPARENT)"));
-    check((*db)->execute("DELETE FROM ZPARENT WHERE Z_PK IN (SELECT Z_PK FROM ZPARENT)"));
-    check((*db)->execute("COMMIT"));
-    state.PauseTiming();
-    db->reset();
-    state.ResumeTiming();
-  }
-  report(state, parents);
+  runSqlDelete(state, {"DELETE FROM ZCHILD WHERE ZPARENT IN (SELECT Z_PK FROM ZPARENT)",
+                       "UPDATE ZREFERENCE SET ZPARENT = NULL, Z_OPT = Z_OPT + 1 WHERE ZPARENT IN (SELECT "
+                       "Z_PK FROM ZPARENT)",
+                       "DELETE FROM ZPARENT WHERE Z_PK IN (SELECT Z_PK FROM ZPARENT)"});
 }
 
 BENCHMARK(BM_BatchDeleteWithRules)
