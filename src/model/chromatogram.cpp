@@ -9,6 +9,11 @@
 #include <system_error>
 
 #include "foundation/attributed_string.h"
+#include "model/data_collection.h"
+#include "model/database_search.h"
+#include "model/ion_group.h"
+#include "model/precursor_list.h"
+#include "model/spectrum.h"
 
 namespace tesselune {
 
@@ -97,6 +102,85 @@ void Chromatogram::setDataFolderURL(const std::optional<Url>& url) {
   willChangeValueForKey(kDataFolderURL);
   setPrimitiveValue(url ? Value(*url) : Value(), kDataFolderURL);
   didChangeValueForKey(kDataFolderURL);
+}
+
+std::vector<std::shared_ptr<ChromatogramGroup>> Chromatogram::chromatogramGroup() const {
+  return toMany<ChromatogramGroup>("chromatogramGroup");
+}
+std::vector<std::shared_ptr<ChromatogramMap>> Chromatogram::chromatogramMaps() const {
+  return toMany<ChromatogramMap>("chromatogramMaps");
+}
+std::vector<std::shared_ptr<ChromatogramNormalization>> Chromatogram::chromatogramNormalizations() const {
+  return toMany<ChromatogramNormalization>("chromatogramNormalizations");
+}
+std::shared_ptr<DatabaseSearchResult> Chromatogram::databaseSearchResult() const {
+  return toOne<DatabaseSearchResult>("databaseSearchResult");
+}
+void Chromatogram::setDatabaseSearchResult(const std::shared_ptr<DatabaseSearchResult>& result) {
+  setToOne(result, "databaseSearchResult");
+}
+std::vector<std::shared_ptr<DataCollection>> Chromatogram::dataCollections() const {
+  return toMany<DataCollection>("dataCollections");
+}
+std::vector<std::shared_ptr<SpectrumSingle>> Chromatogram::fragmentSpectrum() const {
+  return toMany<SpectrumSingle>("fragmentSpectrum");
+}
+std::vector<std::shared_ptr<IonGroup>> Chromatogram::ionGroup() const {
+  return toMany<IonGroup>("ionGroup");
+}
+std::vector<std::shared_ptr<IonVolumeGroup>> Chromatogram::ionVolumeGroups() const {
+  return toMany<IonVolumeGroup>("ionVolumeGroups");
+}
+std::vector<std::shared_ptr<MolecularMarkerGroup>> Chromatogram::molecularMarkerGroups() const {
+  return toMany<MolecularMarkerGroup>("molecularMarkerGroups");
+}
+std::shared_ptr<MolecularReferenceGroup> Chromatogram::molecularReferenceGroup() const {
+  return toOne<MolecularReferenceGroup>("molecularReferenceGroup");
+}
+void Chromatogram::setMolecularReferenceGroup(const std::shared_ptr<MolecularReferenceGroup>& group) {
+  setToOne(group, "molecularReferenceGroup");
+}
+std::vector<std::shared_ptr<ChromatogramAlignment>> Chromatogram::myChromatogramAlignments() const {
+  return toMany<ChromatogramAlignment>("myChromatogramAlignments");
+}
+std::shared_ptr<Protein> Chromatogram::normProtein() const {
+  return toOne<Protein>("normProtein");
+}
+void Chromatogram::setNormProtein(const std::shared_ptr<Protein>& protein) {
+  setToOne(protein, "normProtein");
+}
+std::shared_ptr<ProteinID> Chromatogram::normProteinID() const {
+  return toOne<ProteinID>("normProteinID");
+}
+void Chromatogram::setNormProteinID(const std::shared_ptr<ProteinID>& protein) {
+  setToOne(protein, "normProteinID");
+}
+std::vector<std::shared_ptr<PrecursorListGroup>> Chromatogram::precursorListGroups() const {
+  return toMany<PrecursorListGroup>("precursorListGroups");
+}
+std::vector<std::shared_ptr<PrecursorSelection>> Chromatogram::precursorSelections() const {
+  return toMany<PrecursorSelection>("precursorSelections");
+}
+std::vector<std::shared_ptr<ProteinGroup>> Chromatogram::proteinGroups() const {
+  return toMany<ProteinGroup>("proteinGroups");
+}
+std::vector<std::shared_ptr<Protein>> Chromatogram::proteins() const {
+  return toMany<Protein>("proteins");
+}
+std::vector<std::shared_ptr<ChromatogramAlignment>> Chromatogram::referenceChromatogramAlignments() const {
+  return toMany<ChromatogramAlignment>("referenceChromatogramAlignments");
+}
+std::shared_ptr<ProteinGroup> Chromatogram::referenceProteinGroup() const {
+  return toOne<ProteinGroup>("referenceProteinGroup");
+}
+void Chromatogram::setReferenceProteinGroup(const std::shared_ptr<ProteinGroup>& group) {
+  setToOne(group, "referenceProteinGroup");
+}
+std::vector<std::shared_ptr<SpectrumSingle>> Chromatogram::spectrum() const {
+  return toMany<SpectrumSingle>("spectrum");
+}
+std::vector<std::shared_ptr<SpectrumSingle>> Chromatogram::spectrumDerived() const {
+  return toMany<SpectrumSingle>("spectrumDerived");
 }
 
 Value Chromatogram::valueForKey(std::string_view key) const {

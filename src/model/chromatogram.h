@@ -6,7 +6,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "foundation/url.h"
 #include "foundation/value.h"
@@ -15,9 +18,108 @@
 
 namespace tesselune {
 
+class ChromatogramGroup;
+class ChromatogramMap;
+class ChromatogramNormalization;
+class ChromatogramAlignment;
+class DataCollection;
+class DatabaseSearchResult;
+class IonGroup;
+class IonVolumeGroup;
+class MolecularMarkerGroup;
+class MolecularReferenceGroup;
+class PrecursorListGroup;
+class PrecursorSelection;
+class Protein;
+class ProteinGroup;
+class ProteinID;
+class SpectrumSingle;
+
 class Chromatogram : public StoreObject {
  public:
   static FetchRequest fetchRequest() { return FetchRequest::fetchRequestWithEntityName("Chromatogram"); }
+
+  // Stored attributes (see StoreObject's typed access for absent values).
+  // Set by the main application to hand the chromatogram to this program for deletion.
+  bool destinedForDeletion() const { return valueForKey("destinedForDeletion").boolValue(); }
+  void setDestinedForDeletion(bool destined) { setValue(Value(destined), "destinedForDeletion"); }
+  std::optional<std::string> chromatogramName() const { return stringForKey("chromatogramName"); }
+  void setChromatogramName(std::optional<std::string> name) { setOptionalValue(name, "chromatogramName"); }
+  // The data folder relative to the store's default directory: the persistent truth behind
+  // dataFolderURL.
+  std::optional<std::string> dataFolderRelativePath() const { return stringForKey("dataFolderRelativePath"); }
+  void setDataFolderRelativePath(std::optional<std::string> path) {
+    setOptionalValue(path, "dataFolderRelativePath");
+  }
+  std::optional<double> deltaTimeMin() const { return doubleForKey("deltaTimeMin"); }
+  void setDeltaTimeMin(std::optional<double> delta) { setOptionalValue(delta, "deltaTimeMin"); }
+  std::optional<double> duration() const { return doubleForKey("duration"); }
+  void setDuration(std::optional<double> duration) { setOptionalValue(duration, "duration"); }
+  std::optional<Uuid> idTag() const { return uuidForKey("idTag"); }
+  void setIdTag(std::optional<Uuid> tag) { setOptionalValue(tag, "idTag"); }
+  std::optional<double> integratedIonCount() const { return doubleForKey("integratedIonCount"); }
+  void setIntegratedIonCount(std::optional<double> count) { setOptionalValue(count, "integratedIonCount"); }
+  std::optional<std::int64_t> numberOfFragmentSpectra() const {
+    return integerForKey("numberOfFragmentSpectra");
+  }
+  void setNumberOfFragmentSpectra(std::optional<std::int64_t> count) {
+    setOptionalValue(count, "numberOfFragmentSpectra");
+  }
+  std::optional<std::int64_t> numberOfSpectra() const { return integerForKey("numberOfSpectra"); }
+  void setNumberOfSpectra(std::optional<std::int64_t> count) { setOptionalValue(count, "numberOfSpectra"); }
+  std::optional<std::int64_t> parallelFragmentation() const { return integerForKey("parallelFragmentation"); }
+  void setParallelFragmentation(std::optional<std::int64_t> value) {
+    setOptionalValue(value, "parallelFragmentation");
+  }
+  std::optional<std::string> rawFileName() const { return stringForKey("rawFileName"); }
+  void setRawFileName(std::optional<std::string> name) { setOptionalValue(name, "rawFileName"); }
+  std::optional<double> time() const { return doubleForKey("time"); }
+  void setTime(std::optional<double> time) { setOptionalValue(time, "time"); }
+  std::optional<Bytes> spectrumModelData() const { return dataForKey("spectrumModelData"); }
+  void setSpectrumModelData(std::optional<Bytes> data) { setOptionalValue(data, "spectrumModelData"); }
+  std::optional<Bytes> fragmentSpectrumModelData() const { return dataForKey("fragmentSpectrumModelData"); }
+  void setFragmentSpectrumModelData(std::optional<Bytes> data) {
+    setOptionalValue(data, "fragmentSpectrumModelData");
+  }
+  // Transformable attributes, held as the decoded objects: the main application's spectrum models,
+  // an attributed string and a dictionary. Null when absent.
+  Value spectrumModel() const { return valueForKey("spectrumModel"); }
+  void setSpectrumModel(Value model) { setValue(std::move(model), "spectrumModel"); }
+  Value fragmentSpectrumModel() const { return valueForKey("fragmentSpectrumModel"); }
+  void setFragmentSpectrumModel(Value model) { setValue(std::move(model), "fragmentSpectrumModel"); }
+  Value info() const { return valueForKey("info"); }
+  void setInfo(Value info) { setValue(std::move(info), "info"); }
+  Value mapData() const { return valueForKey("mapData"); }
+  void setMapData(Value data) { setValue(std::move(data), "mapData"); }
+
+  // Relationships, named as the store names them (singular names of to-many ones included). To-one
+  // setters keep the inverse; to-many members change through addObject and removeObject.
+  std::vector<std::shared_ptr<ChromatogramGroup>> chromatogramGroup() const;
+  std::vector<std::shared_ptr<ChromatogramMap>> chromatogramMaps() const;
+  std::vector<std::shared_ptr<ChromatogramNormalization>> chromatogramNormalizations() const;
+  std::shared_ptr<DatabaseSearchResult> databaseSearchResult() const;
+  void setDatabaseSearchResult(const std::shared_ptr<DatabaseSearchResult>& result);
+  std::vector<std::shared_ptr<DataCollection>> dataCollections() const;
+  std::vector<std::shared_ptr<SpectrumSingle>> fragmentSpectrum() const;
+  std::vector<std::shared_ptr<IonGroup>> ionGroup() const;
+  std::vector<std::shared_ptr<IonVolumeGroup>> ionVolumeGroups() const;
+  std::vector<std::shared_ptr<MolecularMarkerGroup>> molecularMarkerGroups() const;
+  std::shared_ptr<MolecularReferenceGroup> molecularReferenceGroup() const;
+  void setMolecularReferenceGroup(const std::shared_ptr<MolecularReferenceGroup>& group);
+  std::vector<std::shared_ptr<ChromatogramAlignment>> myChromatogramAlignments() const;
+  std::shared_ptr<Protein> normProtein() const;
+  void setNormProtein(const std::shared_ptr<Protein>& protein);
+  std::shared_ptr<ProteinID> normProteinID() const;
+  void setNormProteinID(const std::shared_ptr<ProteinID>& protein);
+  std::vector<std::shared_ptr<PrecursorListGroup>> precursorListGroups() const;
+  std::vector<std::shared_ptr<PrecursorSelection>> precursorSelections() const;
+  std::vector<std::shared_ptr<ProteinGroup>> proteinGroups() const;
+  std::vector<std::shared_ptr<Protein>> proteins() const;
+  std::vector<std::shared_ptr<ChromatogramAlignment>> referenceChromatogramAlignments() const;
+  std::shared_ptr<ProteinGroup> referenceProteinGroup() const;
+  void setReferenceProteinGroup(const std::shared_ptr<ProteinGroup>& group);
+  std::vector<std::shared_ptr<SpectrumSingle>> spectrum() const;
+  std::vector<std::shared_ptr<SpectrumSingle>> spectrumDerived() const;
 
   // The chromatogram's data folder: the cached URL, else dataFolderRelativePath appended as one
   // path component to the environment's data folder and cached without change notification.

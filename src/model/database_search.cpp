@@ -4,12 +4,45 @@
 
 #include "model/database_search.h"
 
+#include "model/chromatogram.h"
+#include "model/data_collection.h"
+#include "model/ion_group.h"
+#include "model/spectrum.h"
+
 namespace tesselune {
 
 namespace {
 constexpr std::string_view kName = "databaseSearchResultName";
 constexpr std::string_view kMassDeviation = "massDeviation";
 }  // namespace
+
+std::shared_ptr<Chromatogram> DatabaseSearchResult::chromatogram() const {
+  return toOne<Chromatogram>("chromatogram");
+}
+void DatabaseSearchResult::setChromatogram(const std::shared_ptr<Chromatogram>& chromatogram) {
+  setToOne(chromatogram, "chromatogram");
+}
+std::shared_ptr<ChromatogramGroup> DatabaseSearchResult::chromatogramGroup() const {
+  return toOne<ChromatogramGroup>("chromatogramGroup");
+}
+void DatabaseSearchResult::setChromatogramGroup(const std::shared_ptr<ChromatogramGroup>& group) {
+  setToOne(group, "chromatogramGroup");
+}
+std::vector<std::shared_ptr<DatabaseSearchJoin>> DatabaseSearchResult::databaseSearchJoins() const {
+  return toMany<DatabaseSearchJoin>("databaseSearchJoins");
+}
+std::vector<std::shared_ptr<DataCollection>> DatabaseSearchResult::dataCollections() const {
+  return toMany<DataCollection>("dataCollections");
+}
+std::vector<std::shared_ptr<IonVolumeGroup>> DatabaseSearchResult::ionVolumeGroups() const {
+  return toMany<IonVolumeGroup>("ionVolumeGroups");
+}
+std::vector<std::shared_ptr<PeptideID>> DatabaseSearchResult::peptideID() const {
+  return toMany<PeptideID>("peptideID");
+}
+std::vector<std::shared_ptr<ProteinID>> DatabaseSearchResult::proteinID() const {
+  return toMany<ProteinID>("proteinID");
+}
 
 std::string DatabaseSearchResult::databaseSearchResultName() const {
   willAccessValueForKey(kName);
@@ -37,6 +70,25 @@ void DatabaseSearchResult::setValueForKey(Value value, std::string_view key) {
     return;
   }
   StoreObject::setValueForKey(std::move(value), key);
+}
+
+std::shared_ptr<DatabaseSearchResult> PeptideID::databaseSearchResult() const {
+  return toOne<DatabaseSearchResult>("databaseSearchResult");
+}
+void PeptideID::setDatabaseSearchResult(const std::shared_ptr<DatabaseSearchResult>& result) {
+  setToOne(result, "databaseSearchResult");
+}
+std::vector<std::shared_ptr<FragmentSpectrum>> PeptideID::fragmentSpectrum() const {
+  return toMany<FragmentSpectrum>("fragmentSpectrum");
+}
+std::vector<std::shared_ptr<ProteinID>> PeptideID::proteinID() const {
+  return toMany<ProteinID>("proteinID");
+}
+std::shared_ptr<Peptide> PeptideID::referencePeptide() const {
+  return toOne<Peptide>("referencePeptide");
+}
+void PeptideID::setReferencePeptide(const std::shared_ptr<Peptide>& peptide) {
+  setToOne(peptide, "referencePeptide");
 }
 
 float PeptideID::massDeviation() const {

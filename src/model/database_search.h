@@ -7,6 +7,8 @@
 // program only carries it.
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,11 +19,49 @@
 
 namespace tesselune {
 
+class Chromatogram;
+class ChromatogramGroup;
+class DataCollection;
+class DatabaseSearchJoin;
+class FragmentSpectrum;
+class IonVolumeGroup;
+class Peptide;
+class PeptideID;
+class ProteinID;
+
 class DatabaseSearchResult : public StoreObject {
  public:
   static FetchRequest fetchRequest() {
     return FetchRequest::fetchRequestWithEntityName("DatabaseSearchResult");
   }
+
+  // Stored properties (see StoreObject's typed access for absent values); to-many members change
+  // through addObject and removeObject.
+  bool destinedForDeletion() const { return valueForKey("destinedForDeletion").boolValue(); }
+  void setDestinedForDeletion(bool destined) { setValue(Value(destined), "destinedForDeletion"); }
+  std::optional<Uuid> idTag() const { return uuidForKey("idTag"); }
+  void setIdTag(std::optional<Uuid> tag) { setOptionalValue(tag, "idTag"); }
+  std::optional<std::int64_t> numberOfPeptides() const { return integerForKey("numberOfPeptides"); }
+  void setNumberOfPeptides(std::optional<std::int64_t> count) { setOptionalValue(count, "numberOfPeptides"); }
+  std::optional<std::int64_t> numberOfProteins() const { return integerForKey("numberOfProteins"); }
+  void setNumberOfProteins(std::optional<std::int64_t> count) { setOptionalValue(count, "numberOfProteins"); }
+  std::optional<std::string> rawFileName() const { return stringForKey("rawFileName"); }
+  void setRawFileName(std::optional<std::string> name) { setOptionalValue(name, "rawFileName"); }
+  std::optional<std::string> resultURLString() const { return stringForKey("resultURLString"); }
+  void setResultURLString(std::optional<std::string> url) { setOptionalValue(url, "resultURLString"); }
+  std::optional<std::string> typeOfSearchEngine() const { return stringForKey("typeOfSearchEngine"); }
+  void setTypeOfSearchEngine(std::optional<std::string> engine) {
+    setOptionalValue(engine, "typeOfSearchEngine");
+  }
+  std::shared_ptr<Chromatogram> chromatogram() const;
+  void setChromatogram(const std::shared_ptr<Chromatogram>& chromatogram);
+  std::shared_ptr<ChromatogramGroup> chromatogramGroup() const;
+  void setChromatogramGroup(const std::shared_ptr<ChromatogramGroup>& group);
+  std::vector<std::shared_ptr<DatabaseSearchJoin>> databaseSearchJoins() const;
+  std::vector<std::shared_ptr<DataCollection>> dataCollections() const;
+  std::vector<std::shared_ptr<IonVolumeGroup>> ionVolumeGroups() const;
+  std::vector<std::shared_ptr<PeptideID>> peptideID() const;
+  std::vector<std::shared_ptr<ProteinID>> proteinID() const;
 
   // The name; "" when there is none.
   std::string databaseSearchResultName() const;
@@ -97,6 +137,55 @@ class IdentificationParserState {
 class PeptideID : public StoreObject {
  public:
   static FetchRequest fetchRequest() { return FetchRequest::fetchRequestWithEntityName("PeptideID"); }
+
+  // Stored properties (see StoreObject's typed access for absent values); to-many members change
+  // through addObject and removeObject.
+  std::optional<double> calculatedMass() const { return doubleForKey("calculatedMass"); }
+  void setCalculatedMass(std::optional<double> mass) { setOptionalValue(mass, "calculatedMass"); }
+  std::optional<std::int64_t> charge() const { return integerForKey("charge"); }
+  void setCharge(std::optional<std::int64_t> charge) { setOptionalValue(charge, "charge"); }
+  std::optional<double> deltaScore() const { return doubleForKey("deltaScore"); }
+  void setDeltaScore(std::optional<double> score) { setOptionalValue(score, "deltaScore"); }
+  std::optional<double> elutionTime() const { return doubleForKey("elutionTime"); }
+  void setElutionTime(std::optional<double> time) { setOptionalValue(time, "elutionTime"); }
+  std::optional<double> elutionTimeMeasured() const { return doubleForKey("elutionTimeMeasured"); }
+  void setElutionTimeMeasured(std::optional<double> time) { setOptionalValue(time, "elutionTimeMeasured"); }
+  std::optional<double> expectationValue() const { return doubleForKey("expectationValue"); }
+  void setExpectationValue(std::optional<double> value) { setOptionalValue(value, "expectationValue"); }
+  std::optional<double> homologyThreshold() const { return doubleForKey("homologyThreshold"); }
+  void setHomologyThreshold(std::optional<double> threshold) {
+    setOptionalValue(threshold, "homologyThreshold");
+  }
+  std::optional<double> identityThreshold() const { return doubleForKey("identityThreshold"); }
+  void setIdentityThreshold(std::optional<double> threshold) {
+    setOptionalValue(threshold, "identityThreshold");
+  }
+  std::optional<Bytes> ionData() const { return dataForKey("ionData"); }
+  void setIonData(std::optional<Bytes> data) { setOptionalValue(data, "ionData"); }
+  std::optional<double> mzMeasured() const { return doubleForKey("mzMeasured"); }
+  void setMzMeasured(std::optional<double> mz) { setOptionalValue(mz, "mzMeasured"); }
+  std::optional<double> mzValue() const { return doubleForKey("mzValue"); }
+  void setMzValue(std::optional<double> mz) { setOptionalValue(mz, "mzValue"); }
+  std::optional<std::int64_t> numberOfMatches() const { return integerForKey("numberOfMatches"); }
+  void setNumberOfMatches(std::optional<std::int64_t> count) { setOptionalValue(count, "numberOfMatches"); }
+  std::optional<std::int64_t> queryNumber() const { return integerForKey("queryNumber"); }
+  void setQueryNumber(std::optional<std::int64_t> number) { setOptionalValue(number, "queryNumber"); }
+  std::optional<std::int64_t> rank() const { return integerForKey("rank"); }
+  void setRank(std::optional<std::int64_t> rank) { setOptionalValue(rank, "rank"); }
+  std::optional<double> score() const { return doubleForKey("score"); }
+  void setScore(std::optional<double> score) { setOptionalValue(score, "score"); }
+  std::optional<std::string> sequence() const { return stringForKey("sequence"); }
+  void setSequence(std::optional<std::string> sequence) { setOptionalValue(sequence, "sequence"); }
+  std::optional<std::string> variableModification() const { return stringForKey("variableModification"); }
+  void setVariableModification(std::optional<std::string> modification) {
+    setOptionalValue(modification, "variableModification");
+  }
+  std::shared_ptr<DatabaseSearchResult> databaseSearchResult() const;
+  void setDatabaseSearchResult(const std::shared_ptr<DatabaseSearchResult>& result);
+  std::vector<std::shared_ptr<FragmentSpectrum>> fragmentSpectrum() const;
+  std::vector<std::shared_ptr<ProteinID>> proteinID() const;
+  std::shared_ptr<Peptide> referencePeptide() const;
+  void setReferencePeptide(const std::shared_ptr<Peptide>& peptide);
 
   // The deviation of the measured from the calculated mass, in single precision, computed once
   // and cached in the transient attribute massDeviation: z = charge, m = the value of the key

@@ -93,6 +93,36 @@ Expected<std::vector<ManagedObjectID>> batchDeleteWithFetch(ManagedObjectContext
   return deleted;
 }
 
+std::optional<std::string> StoreObject::stringForKey(std::string_view key) const {
+  const Value value = valueForKey(key);
+  if (!value.isString()) return std::nullopt;
+  return value.asString();
+}
+
+std::optional<double> StoreObject::doubleForKey(std::string_view key) const {
+  const Value value = valueForKey(key);
+  if (!value.isNumber()) return std::nullopt;
+  return value.doubleValue();
+}
+
+std::optional<std::int64_t> StoreObject::integerForKey(std::string_view key) const {
+  const Value value = valueForKey(key);
+  if (!value.isNumber()) return std::nullopt;
+  return value.integerValue();
+}
+
+std::optional<Uuid> StoreObject::uuidForKey(std::string_view key) const {
+  const Value value = valueForKey(key);
+  if (!value.isUuid()) return std::nullopt;
+  return value.asUuid();
+}
+
+std::optional<Bytes> StoreObject::dataForKey(std::string_view key) const {
+  const Value value = valueForKey(key);
+  if (!value.isData()) return std::nullopt;
+  return value.asData();
+}
+
 ManagedObjectContext* StoreObject::contextWithFallback() const {
   if (ManagedObjectContext* context = managedObjectContext()) return context;
   if (!environment_) return nullptr;

@@ -104,6 +104,37 @@ class StoreObject : public ManagedObject {
   // The clean-up's line on standard output for a failed relationship, naming the primary entity.
   CascadeFailureHandler printingCascadeFailures(const DeletionSupport& support) const;
 
+  // Typed access to stored properties, for the declared accessors of subclasses. Reads go through
+  // valueForKey, so a class's own accessors and access notifications take part, and give nothing
+  // when the value is absent or of another kind; writes go through setValue, with change
+  // notification and inverse upkeep, and nothing clears the value. A related object of another
+  // class than the one asked for reads as null and is left out of a to-many (never the case with
+  // the registry of registerStoreClasses).
+  std::optional<std::string> stringForKey(std::string_view key) const;
+  std::optional<double> doubleForKey(std::string_view key) const;
+  std::optional<std::int64_t> integerForKey(std::string_view key) const;
+  std::optional<Uuid> uuidForKey(std::string_view key) const;
+  std::optional<Bytes> dataForKey(std::string_view key) const;
+  template <class T>
+  void setOptionalValue(const std::optional<T>& value, std::string_view key) {
+    setValue(value ? Value(*value) : Value(), key);
+  }
+  template <class T>
+  std::shared_ptr<T> toOne(std::string_view key) const {
+    return std::dynamic_pointer_cast<T>(objectForKey(key));
+  }
+  template <class T>
+  std::vector<std::shared_ptr<T>> toMany(std::string_view key) const {
+    std::vector<std::shared_ptr<T>> members;
+    for (auto& object : objectsForKey(key)) {
+      if (auto member = std::dynamic_pointer_cast<T>(std::move(object))) members.push_back(std::move(member));
+    }
+    return members;
+  }
+  void setToOne(const std::shared_ptr<ManagedObject>& object, std::string_view key) {
+    setValue(object ? Value(object) : Value(), key);
+  }
+
   // Where a derived accessor's caching must write although the read was const: objects always
   // live in their context's registry as non-const heap objects, so this is sound.
   StoreObject& mutableSelf() const { return const_cast<StoreObject&>(*this); }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "foundation/attributed_string.h"
@@ -10,6 +11,9 @@
 #include "model/data_collection.h"
 #include "model/database_search.h"
 #include "model/ion_group.h"
+#include "model/marker_fragment_group.h"
+#include "model/precursor_list.h"
+#include "model/spectrum.h"
 #include "objectstore/managed_object_context.h"
 #include "test_store.h"
 
@@ -41,6 +45,133 @@ class EntityClasses : public ::testing::Test {
   fs::path dataFolder_;
   test::OpenStore store_;
 };
+
+// The declared accessors name the model's properties with the model's kinds: written through them,
+// saved, and read back through them from a reopened store; to-one setters keep the inverse.
+TEST_F(EntityClasses, DeclaredPropertiesAreTheStoresOwnAndSurviveReopening) {
+  const Uuid chromatogramTag = Uuid::random();
+  const Uuid searchTag = Uuid::random();
+  {
+    auto chromatogram = test::insertAs<Chromatogram>(store_, "Chromatogram");
+    chromatogram->setDestinedForDeletion(true);
+    chromatogram->setChromatogramName("Run 7");
+    chromatogram->setDataFolderRelativePath("Run 7 data");
+    chromatogram->setDeltaTimeMin(0.25);
+    chromatogram->setDuration(3600.5);
+    chromatogram->setIdTag(chromatogramTag);
+    chromatogram->setIntegratedIonCount(1.5e9);
+    chromatogram->setNumberOfSpectra(2);
+    chromatogram->setNumberOfFragmentSpectra(1);
+    chromatogram->setParallelFragmentation(4);
+    chromatogram->setRawFileName("run7.raw");
+    chromatogram->setTime(12.0);
+    chromatogram->setSpectrumModelData(Bytes{1, 2, 3});
+    chromatogram->setMapData(Value(Dictionary{{"zoom", Value(2.0)}}));
+    for (int i = 0; i < 2; ++i) chromatogram->addObject(store_.insert("Spectrum"), "spectrum");
+    chromatogram->addObject(store_.insert("FragmentSpectrum"), "fragmentSpectrum");
+    chromatogram->addObject(store_.insert("PrecursorListGroup"), "precursorListGroups");
+
+    auto search = test::insertAs<DatabaseSearchResult>(store_, "DatabaseSearchResult");
+    search->setIdTag(searchTag);
+    search->setNumberOfPeptides(3);
+    search->setResultURLString("file:///searches/run7.dat");
+    search->setTypeOfSearchEngine("Mascot");
+    chromatogram->setDatabaseSearchResult(search);
+    EXPECT_EQ(search->chromatogram(), chromatogram);
+
+    auto ions = test::insertAs<IonGroup>(store_, "IonGroup");
+    ions->setIonGroupName("Light");
+    ions->setObjectStoreMember(true);
+    ions->setChromatogram(chromatogram);
+    for (int charge = 1; charge <= 3; ++charge) {
+      auto peptide = test::insertAs<PeptideID>(store_, "PeptideIDJoined");
+      peptide->setCharge(charge);
+      peptide->setCalculatedMass(1000.0 + charge);
+      peptide->setSequence("PEPTIDE");
+      peptide->setIonData(Bytes{static_cast<std::uint8_t>(charge)});
+      peptide->setDatabaseSearchResult(search);
+      ions->addObject(peptide, "ions");
+    }
+    auto volumes = test::insertAs<IonVolumeGroup>(store_, "IonVolumeGroup");
+    volumes->setChromatogram(chromatogram);
+    volumes->setIonGroup(ions);
+    volumes->setDatabaseSearchResult(search);
+    volumes->setMarkerFragmentGroup(test::insertAs<MarkerFragmentGroup>(store_, "MarkerFragmentGroup"));
+    ASSERT_TRUE(store_.context().save());
+  }
+  store_ = {};
+  store_ = test::openStore(folder_ / "TesseluneStore.tesselune", dataFolder_);
+
+  auto found = store_.context().executeFetchRequest(Chromatogram::fetchRequest());
+  ASSERT_TRUE(found);
+  ASSERT_EQ(found->size(), 1u);
+  auto chromatogram = (*found)[0].asObjectOf<Chromatogram>();
+  ASSERT_TRUE(chromatogram);
+  EXPECT_TRUE(chromatogram->destinedForDeletion());
+  EXPECT_EQ(chromatogram->chromatogramName(), "Run 7");
+  EXPECT_EQ(chromatogram->dataFolderRelativePath(), "Run 7 data");
+  EXPECT_EQ(chromatogram->deltaTimeMin(), 0.25);
+  EXPECT_EQ(chromatogram->duration(), 3600.5);
+  EXPECT_EQ(chromatogram->idTag(), chromatogramTag);
+  EXPECT_EQ(chromatogram->integratedIonCount(), 1.5e9);
+  EXPECT_EQ(chromatogram->numberOfSpectra(), 2);
+  EXPECT_EQ(chromatogram->numberOfFragmentSpectra(), 1);
+  EXPECT_EQ(chromatogram->parallelFragmentation(), 4);
+  EXPECT_EQ(chromatogram->rawFileName(), "run7.raw");
+  EXPECT_EQ(chromatogram->time(), 12.0);
+  EXPECT_EQ(chromatogram->spectrumModelData(), (Bytes{1, 2, 3}));
+  EXPECT_FALSE(chromatogram->fragmentSpectrumModelData());
+  EXPECT_EQ(chromatogram->mapData(), Value(Dictionary{{"zoom", Value(2.0)}}));
+  EXPECT_TRUE(chromatogram->spectrumModel().isNull());
+  EXPECT_EQ(chromatogram->spectrum().size(), 2u);
+  ASSERT_EQ(chromatogram->fragmentSpectrum().size(), 1u);
+  EXPECT_TRUE(std::dynamic_pointer_cast<FragmentSpectrum>(chromatogram->fragmentSpectrum()[0]));
+  EXPECT_EQ(chromatogram->precursorListGroups().size(), 1u);
+  EXPECT_TRUE(chromatogram->spectrumDerived().empty());
+  EXPECT_FALSE(chromatogram->normProtein());
+
+  auto search = chromatogram->databaseSearchResult();
+  ASSERT_TRUE(search);
+  EXPECT_FALSE(search->destinedForDeletion());
+  EXPECT_EQ(search->idTag(), searchTag);
+  EXPECT_EQ(search->numberOfPeptides(), 3);
+  EXPECT_EQ(search->numberOfProteins(), 0);  // the model's default
+  EXPECT_EQ(search->resultURLString(), "file:///searches/run7.dat");
+  EXPECT_EQ(search->typeOfSearchEngine(), "Mascot");
+  EXPECT_EQ(search->peptideID().size(), 3u);
+  ASSERT_EQ(search->ionVolumeGroups().size(), 1u);
+
+  ASSERT_EQ(chromatogram->ionGroup().size(), 1u);
+  auto ions = chromatogram->ionGroup()[0];
+  EXPECT_EQ(ions->ionGroupName(), "Light");
+  EXPECT_TRUE(ions->objectStoreMember());
+  EXPECT_EQ(ions->chromatogram(), chromatogram);
+  std::vector<std::int64_t> charges;
+  for (const auto& peptide : ions->ions()) {
+    EXPECT_TRUE(std::dynamic_pointer_cast<PeptideIDJoined>(peptide));
+    EXPECT_EQ(peptide->databaseSearchResult(), search);
+    EXPECT_EQ(peptide->sequence(), "PEPTIDE");
+    EXPECT_EQ(peptide->calculatedMass(), 1000.0 + static_cast<double>(*peptide->charge()));
+    EXPECT_EQ(peptide->ionData(), (Bytes{static_cast<std::uint8_t>(*peptide->charge())}));
+    EXPECT_FALSE(peptide->mzValue());
+    charges.push_back(*peptide->charge());
+  }
+  std::sort(charges.begin(), charges.end());
+  EXPECT_EQ(charges, (std::vector<std::int64_t>{1, 2, 3}));
+
+  auto volumes = search->ionVolumeGroups()[0];
+  EXPECT_EQ(volumes->chromatogram(), chromatogram);
+  EXPECT_EQ(volumes->ionGroup(), ions);
+  EXPECT_EQ(volumes->databaseSearchResult(), search);
+  ASSERT_TRUE(volumes->markerFragmentGroup());
+  EXPECT_EQ(volumes->markerFragmentGroup()->objectsForKey("ionVolumeGroups").size(), 1u);
+  EXPECT_FALSE(volumes->proteinGroup());
+
+  // Clearing a to-one through its setter clears the inverse too.
+  volumes->setChromatogram(nullptr);
+  EXPECT_FALSE(volumes->chromatogram());
+  EXPECT_TRUE(chromatogram->ionVolumeGroups().empty());
+}
 
 TEST_F(EntityClasses, IonGroupCountsItsIonsOnlyWhileItHasNone) {
   auto group = test::insertAs<IonGroup>(store_, "IonGroup");
