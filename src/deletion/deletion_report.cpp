@@ -13,6 +13,7 @@
 
 #include "foundation/keyed_archiver.h"
 #include "foundation/keyed_unarchiver.h"
+#include "foundation/url_array_archive.h"
 
 namespace tesselune {
 
@@ -71,10 +72,11 @@ bool writeAtomically(const fs::path& target, const Bytes& bytes) {
 Expected<fs::path> writeDeletionReport(const fs::path& temporaryFolder,
                                        const std::vector<ManagedObjectID>& deleted,
                                        bool chromatogramDeleted) {
-  Array uris;
+  std::vector<Url> uris;
   uris.reserve(deleted.size());
-  for (const ManagedObjectID& id : deleted) uris.emplace_back(id.URIRepresentation());
-  auto uriData = KeyedArchiver::archivedDataWithRootObject(Value(std::move(uris)), false);
+  for (const ManagedObjectID& id : deleted) uris.push_back(id.URIRepresentation());
+  auto uriData = archivedURLArray(uris);
+  uris = {};
   if (!uriData)
     return fail(uriData.error().customErrorWithDomain("Tesselun-storeSupport", 2, kArchiveErrorMessage));
   Dictionary root;

@@ -1,5 +1,6 @@
 // The binary property-list writer: flattens a Value tree into Apple's "bplist00" object table in one
-// pass, sharing equal scalars, then writes objects, offset table and trailer.
+// pass, sharing equal scalars, then writes objects, offset table and trailer; and the encodings of
+// markers, strings and the trailer that the URL-array archive writes with too.
 
 #include <fmt/format.h>
 
@@ -15,18 +16,6 @@
 namespace tesselune::plist {
 
 namespace {
-
-// Bytes needed for an unsigned value: 1, 2, 4 or 8.
-std::size_t widthOf(std::uint64_t v) {
-  if (v <= 0xFF) return 1;
-  if (v <= 0xFFFF) return 2;
-  if (v <= 0xFFFFFFFF) return 4;
-  return 8;
-}
-
-void appendBigEndian(Bytes& out, std::uint64_t v, std::size_t width) {
-  for (std::size_t i = width; i-- > 0;) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-}
 
 class BinaryWriter {
  public:
@@ -46,12 +35,7 @@ class BinaryWriter {
     const std::uint64_t tableOffset = out.size();
     const std::size_t offsetSize = widthOf(tableOffset);
     for (std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetSize);
-    out.insert(out.end(), 6, 0);  // unused, sort version
-    out.push_back(static_cast<std::uint8_t>(offsetSize));
-    out.push_back(static_cast<std::uint8_t>(refSize_));
-    appendBigEndian(out, count, 8);
-    appendBigEndian(out, *top, 8);
-    appendBigEndian(out, tableOffset, 8);
+    appendTrailer(out, offsetSize, refSize_, count, *top, tableOffset);
     return out;
   }
 
@@ -150,17 +134,6 @@ class BinaryWriter {
     }
   }
 
-  static void marker(Bytes& out, std::uint8_t high, std::uint64_t count) {
-    if (count < 15) {
-      out.push_back(static_cast<std::uint8_t>((high << 4) | count));
-      return;
-    }
-    out.push_back(static_cast<std::uint8_t>((high << 4) | 0x0F));
-    const std::size_t width = widthOf(count);
-    out.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(width)));
-    appendBigEndian(out, count, width);
-  }
-
   void serialize(const Object& object, Bytes& out) const {
     switch (object.kind) {
       case Kind::Bool:
@@ -185,24 +158,13 @@ class BinaryWriter {
         break;
       case Kind::Data: {
         const Bytes& d = object.value->asData();
-        marker(out, 0x4, d.size());
+        appendMarker(out, 0x4, d.size());
         out.insert(out.end(), d.begin(), d.end());
         break;
       }
-      case Kind::String: {
-        const std::string& s = object.value ? object.value->asString() : *object.key;
-        const bool ascii =
-            std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-        if (ascii) {
-          marker(out, 0x5, s.size());
-          out.insert(out.end(), s.begin(), s.end());
-        } else {
-          const std::u16string units = utf8ToUtf16(s);  // valid: checked when added
-          marker(out, 0x6, units.size());
-          for (char16_t u : units) appendBigEndian(out, u, 2);
-        }
+      case Kind::String:
+        appendString(out, object.value ? object.value->asString() : *object.key);
         break;
-      }
       case Kind::Uid: {
         const std::size_t width = widthOf(object.uid);
         out.push_back(static_cast<std::uint8_t>(0x80 | (width - 1)));
@@ -210,11 +172,11 @@ class BinaryWriter {
         break;
       }
       case Kind::Array:
-        marker(out, 0xA, object.refs.size());
+        appendMarker(out, 0xA, object.refs.size());
         for (std::uint64_t ref : object.refs) appendBigEndian(out, ref, refSize_);
         break;
       case Kind::Dictionary:
-        marker(out, 0xD, object.refs.size() / 2);
+        appendMarker(out, 0xD, object.refs.size() / 2);
         for (std::uint64_t ref : object.refs) appendBigEndian(out, ref, refSize_);
         break;
     }
@@ -226,6 +188,40 @@ class BinaryWriter {
 };
 
 }  // namespace
+
+void appendMarker(Bytes& out, std::uint8_t high, std::uint64_t count) {
+  if (count < 15) {
+    out.push_back(static_cast<std::uint8_t>((high << 4) | count));
+    return;
+  }
+  out.push_back(static_cast<std::uint8_t>((high << 4) | 0x0F));
+  const std::size_t width = widthOf(count);
+  out.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(width)));
+  appendBigEndian(out, count, width);
+}
+
+void appendString(Bytes& out, std::string_view text) {
+  const bool ascii =
+      std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii) {
+    appendMarker(out, 0x5, text.size());
+    out.insert(out.end(), text.begin(), text.end());
+    return;
+  }
+  const std::u16string units = utf8ToUtf16(text);
+  appendMarker(out, 0x6, units.size());
+  for (char16_t u : units) appendBigEndian(out, u, 2);
+}
+
+void appendTrailer(Bytes& out, std::size_t offsetSize, std::size_t refSize, std::uint64_t count,
+                   std::uint64_t top, std::uint64_t tableOffset) {
+  out.insert(out.end(), 6, 0);  // unused, sort version
+  out.push_back(static_cast<std::uint8_t>(offsetSize));
+  out.push_back(static_cast<std::uint8_t>(refSize));
+  appendBigEndian(out, count, 8);
+  appendBigEndian(out, top, 8);
+  appendBigEndian(out, tableOffset, 8);
+}
 
 Expected<Bytes> writeBinary(const Value& root) {
   return BinaryWriter().write(root);

@@ -86,6 +86,25 @@ inline std::string archiveKey(std::string_view key) {
 Error corruptError(std::string_view why);
 Error writeError(std::string_view why);
 
+// Pieces of the binary format shared by its writers: the bytes an unsigned value needs (1, 2, 4 or
+// 8), big-endian numbers of a given width, and an object's marker byte with its count (inline below
+// 15, else as a following integer).
+inline std::size_t widthOf(std::uint64_t v) {
+  if (v <= 0xFF) return 1;
+  if (v <= 0xFFFF) return 2;
+  if (v <= 0xFFFFFFFF) return 4;
+  return 8;
+}
+inline void appendBigEndian(Bytes& out, std::uint64_t v, std::size_t width) {
+  for (std::size_t i = width; i-- > 0;) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+}
+void appendMarker(Bytes& out, std::uint8_t high, std::uint64_t count);
+// A string object: ASCII as bytes, anything else as UTF-16 (the text must be writable).
+void appendString(Bytes& out, std::string_view text);
+// The 32-byte trailer after the offset table.
+void appendTrailer(Bytes& out, std::size_t offsetSize, std::size_t refSize, std::uint64_t count,
+                   std::uint64_t top, std::uint64_t tableOffset);
+
 // Writes a Value tree as a binary property list ("bplist00") the way Foundation does: strings,
 // numbers, data, dates and UIDs shared by value, doubles as eight-byte reals, strings as ASCII or
 // UTF-16. Linear in the size of the tree (libplist's own writer is not, on large archives).
