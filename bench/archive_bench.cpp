@@ -4,7 +4,7 @@
 
 #include "foundation/keyed_archiver.h"
 #include "foundation/keyed_unarchiver.h"
-#include "foundation/url_array_archive.h"
+#include "foundation/compact_archive.h"
 
 namespace tesselune {
 namespace {

@@ -11,9 +11,8 @@
 #include <random>
 #include <string>
 
-#include "foundation/keyed_archiver.h"
 #include "foundation/keyed_unarchiver.h"
-#include "foundation/url_array_archive.h"
+#include "foundation/compact_archive.h"
 
 namespace tesselune {
 
@@ -79,10 +78,10 @@ Expected<fs::path> writeDeletionReport(const fs::path& temporaryFolder,
   uris = {};
   if (!uriData)
     return fail(uriData.error().customErrorWithDomain("Tesselun-storeSupport", 2, kArchiveErrorMessage));
-  Dictionary root;
-  root.emplace("chromatogramDeleted", Value(Bytes{static_cast<std::uint8_t>(chromatogramDeleted ? 1 : 0)}));
-  root.emplace("uriData", Value(std::move(*uriData)));
-  auto archive = KeyedArchiver::archivedDataWithRootObject(Value(std::move(root)), false);
+  const std::uint8_t flag = chromatogramDeleted ? 1 : 0;
+  const DataEntry entries[] = {{"chromatogramDeleted", {&flag, 1}}, {"uriData", *uriData}};
+  auto archive = archivedDataDictionary(entries);
+  uriData = {};
   if (!archive)
     return fail(archive.error().customErrorWithDomain("Tesselun-storeSupport", 2, kArchiveErrorMessage));
 

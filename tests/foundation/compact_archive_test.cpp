@@ -1,7 +1,7 @@
-// The URL-array archive must be the general archiver's bytes exactly, whatever the array holds and
-// whatever widths its object table needs, and must read back as the URLs.
+// The compact archives must be the general archiver's bytes exactly, whatever they hold and whatever
+// widths their object tables need, and must read back as what was archived.
 
-#include "foundation/url_array_archive.h"
+#include "foundation/compact_archive.h"
 
 #include <gtest/gtest.h>
 
@@ -65,6 +65,57 @@ TEST(URLArrayArchive, URLsRelativeToABaseTakeTheGeneralPath) {
   auto bytes = archivedURLArray(relative);
   ASSERT_TRUE(bytes);
   EXPECT_EQ(*bytes, generalArchive(relative));
+}
+
+Bytes bytesOf(std::string_view text) {
+  return Bytes(text.begin(), text.end());
+}
+
+void expectSameDictionaryArchive(const std::vector<std::pair<std::string, Bytes>>& items) {
+  std::vector<DataEntry> entries;
+  Dictionary dictionary;
+  for (const auto& [key, bytes] : items) {
+    entries.emplace_back(key, bytes);
+    dictionary.emplace(key, Value(bytes));
+  }
+  auto bytes = archivedDataDictionary(entries);
+  ASSERT_TRUE(bytes) << bytes.error().debugDescription();
+  auto general = KeyedArchiver::archivedDataWithRootObject(Value(dictionary), false);
+  ASSERT_TRUE(general);
+  ASSERT_EQ(*bytes, *general) << items.size() << " entries";
+  auto decoded = KeyedUnarchiver::unarchivedObjectOfClasses(foundationClasses(), *bytes);
+  ASSERT_TRUE(decoded) << decoded.error().debugDescription();
+  EXPECT_EQ(*decoded, Value(dictionary));
+}
+
+TEST(DataDictionaryArchive, IsTheGeneralArchiversBytesForEveryShape) {
+  expectSameDictionaryArchive({});
+  // A deletion report: a one-byte flag and an archive of 20,000 URLs (offsets past 64 KB).
+  auto uris = archivedURLArray(objectURIs(20000));
+  ASSERT_TRUE(uris);
+  expectSameDictionaryArchive({{"chromatogramDeleted", Bytes{1}}, {"uriData", *uris}});
+  // Equal values are one object; keys that are the archive's own strings; data equal to a key;
+  // enough entries for a counted marker.
+  std::vector<std::pair<std::string, Bytes>> items{{"$class", bytesOf("NS.keys")},
+                                                   {"$null", Bytes{}},
+                                                   {"NS.keys", Bytes{}},
+                                                   {"NS.objects", bytesOf("$null")},
+                                                   {"a", bytesOf("NS.keys")}};
+  for (int i = 0; i < 20; ++i)
+    items.emplace_back("key " + std::to_string(100 + i), Bytes{std::uint8_t(i % 3)});
+  expectSameDictionaryArchive(items);
+}
+
+TEST(DataDictionaryArchive, KeysOutOfOrderTakeTheGeneralPath) {
+  const Bytes one{1};
+  const Bytes two{2};
+  const DataEntry entries[] = {{"uriData", two}, {"chromatogramDeleted", one}, {"uriData", one}};
+  auto bytes = archivedDataDictionary(entries);
+  ASSERT_TRUE(bytes);
+  auto general = KeyedArchiver::archivedDataWithRootObject(
+      Value(Dictionary{{"chromatogramDeleted", Value(one)}, {"uriData", Value(two)}}), false);
+  ASSERT_TRUE(general);
+  EXPECT_EQ(*bytes, *general);
 }
 
 }  // namespace
