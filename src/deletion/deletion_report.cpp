@@ -11,8 +11,8 @@
 #include <random>
 #include <string>
 
-#include "foundation/keyed_unarchiver.h"
 #include "foundation/compact_archive.h"
+#include "foundation/keyed_unarchiver.h"
 
 namespace tesselune {
 

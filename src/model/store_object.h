@@ -107,9 +107,9 @@ class StoreObject : public ManagedObject {
   // Typed access to stored properties, for the declared accessors of subclasses. Reads go through
   // valueForKey, so a class's own accessors and access notifications take part, and give nothing
   // when the value is absent or of another kind; writes go through setValue, with change
-  // notification and inverse upkeep, and nothing clears the value. A related object of another
-  // class than the one asked for reads as null and is left out of a to-many (never the case with
-  // the registry of registerStoreClasses).
+  // notification and inverse upkeep, and an empty optional (or null object) clears the value. A
+  // related object of another class than the one asked for reads as null and is left out of a
+  // to-many (never the case with the registry of registerStoreClasses).
   std::optional<std::string> stringForKey(std::string_view key) const;
   std::optional<double> doubleForKey(std::string_view key) const;
   std::optional<std::int64_t> integerForKey(std::string_view key) const;
