@@ -17,6 +17,7 @@
 #include "app/store_maintenance.h"
 #include "app/store_verification.h"
 #include "app/terminal_progress_bar.h"
+#include "app/version.h"
 
 namespace tesselune {
 
@@ -44,6 +45,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
       "Maintenance of the Tesselune store: make, fill, mark, inspect and check it, and read the "
       "deletion reports.",
       "tesselune-store"};
+  app.set_version_flag("--version", versionText("tesselune-store"));
   app.require_subcommand(1);
   app.fallthrough();
   std::string storePath;

@@ -15,8 +15,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "app/app_delegate.h"
+#include "app/version.h"
 #include "foundation/main_queue.h"
 #include "platform/dbus_notification_center.h"
 #include "platform/proc_workspace.h"
@@ -46,9 +48,33 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
   return std::make_unique<QApplication>(argc, argv);
 }
 
+constexpr std::string_view kHelp =
+    "Usage: tesselune-store-support\n"
+    "\n"
+    "The store support program of Tesselune. Tesselune starts it, without arguments, after marking\n"
+    "objects of its shared store for deletion. It deletes the marked objects with everything that\n"
+    "hangs off them, removes their data folders, leaves a deletion report in the data library's\n"
+    "temporaryFiles folder, tells Tesselune over the session bus and quits. It shows nothing but\n"
+    "alerts (on standard error when there is no display); its log lines go to the system log.\n"
+    "\n"
+    "Options:\n"
+    "  --help     print this text and exit\n"
+    "  --version  print the version and exit\n";
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view argument = argv[i];
+    if (argument == "--help" || argument == "-h") {
+      std::cout << kHelp;
+      return 0;
+    }
+    if (argument == "--version") {
+      std::cout << tesselune::versionText("tesselune-store-support") << "\n";
+      return 0;
+    }
+  }
   if (argc > 1) {
     std::cout << "tesselune-store-support takes no arguments; it is started by Tesselune and has "
                  "nothing to do when given some.\n";

@@ -158,13 +158,12 @@ std::vector<std::filesystem::path> storeResourceFolders() {
   if (const char* named = std::getenv("TESSELUNE_RESOURCES"); named != nullptr && *named != '\0') {
     folders.emplace_back(named);
   }
+  // Programs live in bin/ or libexec/tesselune/ of a prefix (installed, or the build tree, which
+  // has the same layout) and the resources in share/tesselune/ of the same prefix.
   if (auto folder = executableFolder()) {
     folders.push_back(*folder / ".." / "share" / "tesselune");
-    folders.push_back(*folder / "resources");
+    folders.push_back(*folder / ".." / ".." / "share" / "tesselune");
   }
-#ifdef TESSELUNE_RESOURCES_DIR
-  folders.emplace_back(TESSELUNE_RESOURCES_DIR);
-#endif
   return folders;
 }
 

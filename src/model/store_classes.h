@@ -2,9 +2,9 @@
 // transformers of the model's transformable attributes, and where the model is found.
 //
 // The model (Tesselune.xcdatamodeld) is looked for in, in order: the folder named by the
-// environment variable TESSELUNE_RESOURCES, "../share/tesselune" and "resources" beside the
-// executable, and the source tree's resources folder (the compile definition
-// TESSELUNE_RESOURCES_DIR, which tests and uninstalled builds use).
+// environment variable TESSELUNE_RESOURCES, then share/tesselune of the prefix the executable runs
+// from ("../share/tesselune" for bin/, "../../share/tesselune" for libexec/tesselune/). The build
+// tree has the installed layout, so built and installed programs find it the same way.
 #pragma once
 
 #include <filesystem>

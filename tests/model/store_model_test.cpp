@@ -17,6 +17,7 @@
 #include "model/precursor_list.h"
 #include "model/spectrum.h"
 #include "objectstore/managed_object_context.h"
+#include "objectstore/sqlite/schema.h"
 #include "test_store.h"
 
 namespace tesselune {
@@ -103,6 +104,24 @@ TEST(StoreModel, EntitiesAreTheirClassesAndInheritAsTheCatalogueSays) {
       EXPECT_EQ(entity->superentity()->name(), parent->second);
     }
   }
+}
+
+// To-ones into hierarchies keep the destination's entity number beside the key, in a column named
+// after the destination's number, as the framework names it (three such in this model).
+TEST(StoreModel, EntityNumberColumnsCarryTheDestinationsNumber) {
+  auto model = test::storeModel();
+  ASSERT_TRUE(model);
+  const EntityNumbers numbers = StoreSchema::numberEntities(*model);
+  const StoreSchema schema = StoreSchema::forModel(*model, numbers);
+  auto entityColumn = [&](std::string_view entity, std::string_view relationship) {
+    const PropertyMapping* mapping =
+        schema.mapping(*model->entityNamed(entity)->relationshipsByName().at(std::string(relationship)));
+    return mapping == nullptr ? std::string() : mapping->table + "." + mapping->entityColumn;
+  };
+  EXPECT_EQ(numbers.at(model->entityNamed("ProteinID")), 27);
+  EXPECT_EQ(entityColumn("Chromatogram", "normProteinID"), "ZCHROMATOGRAM.Z27_NORMPROTEINID");
+  EXPECT_EQ(entityColumn("IonVolumeGroup", "ionGroup"), "ZIONVOLUMEGROUP.Z9_IONGROUP");
+  EXPECT_EQ(entityColumn("SpectrumView", "spectrum"), "ZSPECTRUMVIEW.Z30_SPECTRUM");
 }
 
 TEST(StoreModel, EveryRelationshipHasItsInverseAndNoneDenies) {

@@ -11,6 +11,7 @@
 
 #include "fixtures.h"
 #include "objectstore/sqlite/sqlite_store.h"
+#include "sqlite_probe.h"
 
 namespace tesselune {
 namespace {
@@ -19,42 +20,24 @@ namespace fs = std::filesystem;
 
 const fs::path kFixtures = TESSELUNE_FIXTURES_DIR;
 
-std::vector<std::string> rows(sqlite3* db, const std::string& sql) {
-  std::vector<std::string> out;
-  sqlite3_stmt* statement = nullptr;
-  EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr), SQLITE_OK) << sql;
-  while (statement && sqlite3_step(statement) == SQLITE_ROW) {
-    std::string line;
-    for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-      const auto* text = sqlite3_column_text(statement, i);
-      line += (i ? "|" : "") + std::string(text ? reinterpret_cast<const char*>(text) : "NULL");
-    }
-    out.push_back(line);
-  }
-  sqlite3_finalize(statement);
-  return out;
-}
-
 // The layout of a store, one line per fact, in an order that does not depend on creation order.
 std::set<std::string> layout(const fs::path& path) {
-  sqlite3* db = nullptr;
-  EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+  test::SqliteProbe probe(path, SQLITE_OPEN_READONLY);
+  auto rows = [&probe](const std::string& sql) { return probe.rows(sql); };
   std::set<std::string> facts;
-  // Z_MODELCACHE holds the archived model, which new stores leave out.
+  // Z_MODELCACHE holds the archived model: its content is compared in framework_layout_test.
   for (const std::string& table :
-       rows(db, "SELECT name FROM sqlite_master WHERE type = 'table' AND name != 'Z_MODELCACHE'")) {
+       rows("SELECT name FROM sqlite_master WHERE type = 'table' AND name != 'Z_MODELCACHE'")) {
     std::string columns;
-    for (const std::string& column :
-         rows(db, "SELECT name, type, pk FROM pragma_table_info('" + table + "')")) {
+    for (const std::string& column : rows("SELECT name, type, pk FROM pragma_table_info('" + table + "')")) {
       columns += " " + column;
     }
     facts.insert("table " + table + ":" + columns);
     for (const std::string& index :
-         rows(db, "SELECT name, origin FROM pragma_index_list('" + table + "') ORDER BY name")) {
+         rows("SELECT name, origin FROM pragma_index_list('" + table + "') ORDER BY name")) {
       const std::string name = index.substr(0, index.find('|'));
       std::string indexColumns;
-      for (const std::string& c :
-           rows(db, "SELECT name FROM pragma_index_info('" + name + "') ORDER BY seqno")) {
+      for (const std::string& c : rows("SELECT name FROM pragma_index_info('" + name + "') ORDER BY seqno")) {
         indexColumns += " " + c;
       }
       // Automatic indexes are named by position; what they index is what counts.
@@ -63,12 +46,11 @@ std::set<std::string> layout(const fs::path& path) {
                    indexColumns);
     }
   }
-  for (const std::string& row : rows(db, "SELECT Z_ENT, Z_NAME, Z_SUPER FROM Z_PRIMARYKEY"))
+  for (const std::string& row : rows("SELECT Z_ENT, Z_NAME, Z_SUPER FROM Z_PRIMARYKEY"))
     facts.insert("entity " + row);
   for (const std::string pragma : {"page_size", "auto_vacuum", "journal_mode", "user_version"}) {
-    facts.insert(pragma + " " + rows(db, "PRAGMA " + pragma).front());
+    facts.insert(pragma + " " + rows("PRAGMA " + pragma).front());
   }
-  sqlite3_close(db);
   return facts;
 }
 

@@ -45,6 +45,10 @@ class ManagedObjectModel {
   // cached model or no metadata, 134100 when the hashes disagree, and as modelFromCachedContent.
   [[nodiscard]] static Expected<std::shared_ptr<const ManagedObjectModel>> modelFromStore(
       const std::filesystem::path& store);
+  // The content of Z_MODELCACHE for a store of this model: the model's keyed archive, as Core Data
+  // writes it, compressed with raw DEFLATE. modelFromCachedContent reads it back with the same
+  // entity version hashes.
+  [[nodiscard]] Expected<Bytes> cachedContent() const;
   // Largest inflated cache accepted: real models inflate to a few hundred KiB at most.
   static constexpr std::size_t kMaxCachedModelSize = 64u << 20;
 

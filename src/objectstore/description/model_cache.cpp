@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "foundation/property_list.h"
+#include "objectstore/description/archived_model_flags.h"
 #include "objectstore/description/model_builder.h"
 #include "objectstore/sqlite/database.h"
 
@@ -217,14 +218,7 @@ std::optional<AttributeType> attributeTypeWithCode(std::int64_t code) {
   }
 }
 
-// Flags of the newer archives' "_P" key.
-constexpr std::int64_t kOptionalFlag = 0x2;
-constexpr std::int64_t kReadOnlyFlag = 0x4;
-constexpr std::int64_t kTransientFlag = 0x8;
-constexpr std::int64_t kOrderedFlag = 0x400;
-// Flags of an attribute's NSFlagsKey.
-constexpr std::int64_t kExternalStorageFlag = 0x4;
-constexpr std::int64_t kPreserveAfterDeletionFlag = 0x10;
+using namespace archived_model;
 
 Expected<Dictionary> userInfo(const ArchivedObjects& objects, const Value& reference, std::string_view what) {
   auto entries = objects.entries(reference, what);

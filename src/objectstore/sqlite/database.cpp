@@ -270,6 +270,26 @@ Status Database::execute(std::string_view sql) {
   return {};
 }
 
+Expected<Transaction> Transaction::begin(Database& database, Kind kind) {
+  if (auto s = database.execute(kind == Kind::Exclusive ? "BEGIN EXCLUSIVE" : "BEGIN"); !s)
+    return fail(s.error());
+  return Transaction(&database);
+}
+
+Transaction::~Transaction() {
+  if (database_ != nullptr) (void)database_->execute("ROLLBACK");
+}
+
+Status Transaction::commit() {
+  Database* database = std::exchange(database_, nullptr);
+  if (auto s = database->execute("COMMIT"); !s) {
+    // A COMMIT that fails (busy, disk full) may leave the transaction open.
+    if (sqlite3_get_autocommit(database->handle()) == 0) (void)database->execute("ROLLBACK");
+    return s;
+  }
+  return {};
+}
+
 Expected<bool> Database::tableExists(std::string_view name) {
   auto statement = prepare("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?");
   if (!statement) return fail(statement.error());

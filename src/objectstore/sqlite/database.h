@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "foundation/error.h"
@@ -127,6 +128,23 @@ class Database {
   std::filesystem::path path_;
   // Idle kept statements, most recently returned last; few enough that a linear search is best.
   std::vector<std::pair<std::string, Statement>> idle_;
+};
+
+// A transaction that ends in a rollback unless it is committed: leaving a scope early, or a failed
+// COMMIT, leaves the database as it was before begin(). Borrows the database; one per connection.
+class Transaction {
+ public:
+  enum class Kind { Deferred, Exclusive };
+  [[nodiscard]] static Expected<Transaction> begin(Database& database, Kind kind = Kind::Deferred);
+  Transaction(Transaction&& other) noexcept : database_(std::exchange(other.database_, nullptr)) {}
+  Transaction& operator=(Transaction&&) = delete;
+  ~Transaction();
+
+  [[nodiscard]] Status commit();
+
+ private:
+  explicit Transaction(Database* database) : database_(database) {}
+  Database* database_;  // nothing once committed or rolled back
 };
 
 }  // namespace tesselune

@@ -51,6 +51,43 @@ void hierarchy(const EntityDescription& entity, std::vector<const EntityDescript
   for (const EntityDescription* sub : entity.subentities()) hierarchy(*sub, out);
 }
 
+// The column names Core Data gives the attributes and to-ones declared in one hierarchy (`members`
+// in Z_ENT order): a name that clashes after upper-casing with one declared earlier gets the count
+// of earlier ones as suffix, and so does the to-one's entity-number column.
+struct PropertyColumns {
+  std::string column;
+  std::string entityColumn;  // empty when the destination has no sub-entities
+};
+std::map<const PropertyDescription*, PropertyColumns> frameworkColumnNames(
+    const std::vector<const EntityDescription*>& members, const EntityNumbers& numbers) {
+  std::map<const PropertyDescription*, PropertyColumns> names;
+  std::map<std::string, int> declared;
+  for (const EntityDescription* member : members) {
+    std::vector<const PropertyDescription*> properties;
+    for (const auto& property : member->ownProperties()) {
+      if (property->isTransient()) continue;
+      if (property->isRelationship() && static_cast<const RelationshipDescription&>(*property).isToMany())
+        continue;
+      properties.push_back(property.get());
+    }
+    std::sort(properties.begin(), properties.end(),
+              [](const auto* a, const auto* b) { return a->name() < b->name(); });
+    for (const PropertyDescription* property : properties) {
+      const std::string base = upper(property->name());
+      const int earlier = declared[base]++;
+      const std::string suffix = earlier == 0 ? "" : std::to_string(earlier);
+      PropertyColumns& columns = names[property];
+      columns.column = "Z" + base + suffix;
+      if (!property->isRelationship()) continue;
+      const EntityDescription* destination =
+          static_cast<const RelationshipDescription&>(*property).destinationEntity();
+      if (destination != nullptr && !destination->subentities().empty())
+        columns.entityColumn = fmt::format("Z{}_{}{}", numbers.at(destination), base, suffix);
+    }
+  }
+  return names;
+}
+
 bool isManyToMany(const RelationshipDescription& r) {
   return r.isToMany() && r.inverseRelationship() != nullptr && r.inverseRelationship()->isToMany();
 }
@@ -72,8 +109,9 @@ std::string TableSchema::createSql() const {
   return fmt::format("CREATE TABLE {} ( {} )", name, fmt::join(parts, ", "));
 }
 
-std::string IndexSchema::createSql() const {
-  return fmt::format("CREATE INDEX {} ON {} ({})", name, table, fmt::join(columns, ", "));
+std::string IndexSchema::createSql(bool ifNotExists) const {
+  return fmt::format("CREATE INDEX {}{} ON {} ({})", ifNotExists ? "IF NOT EXISTS " : "", name, table,
+                     fmt::join(columns, ", "));
 }
 
 EntityNumbers StoreSchema::numberEntities(const ManagedObjectModel& model) {
@@ -88,7 +126,8 @@ EntityNumbers StoreSchema::numberEntities(const ManagedObjectModel& model) {
   return numbers;
 }
 
-StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityNumbers& numbers) {
+StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityNumbers& numbers,
+                                  ColumnNaming naming) {
   StoreSchema schema;
   // Columns that other entities' relationships put into a table: hidden keys of to-many
   // relationships without inverse, and order columns of ordered to-many relationships.
@@ -117,6 +156,10 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
     if (root->superentity() != nullptr) continue;
     std::vector<const EntityDescription*> members;
     hierarchy(*root, members);
+    std::stable_sort(members.begin(), members.end(),
+                     [&](const auto* a, const auto* b) { return numbers.at(a) < numbers.at(b); });
+    const auto declared = frameworkColumnNames(members, numbers);
+    const bool framework = naming == ColumnNaming::Framework;
 
     TableSchema table{columnName(root->name()),
                       {{"Z_PK", "INTEGER PRIMARY KEY"}, {"Z_ENT", "INTEGER"}, {"Z_OPT", "INTEGER"}},
@@ -153,7 +196,8 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
         std::sort(attributes.begin(), attributes.end(), byName);
         std::sort(toOnes.begin(), toOnes.end(), byName);
         for (const AttributeDescription* a : attributes) {
-          const std::string column = add(columnName(a->name()), columnType(a->attributeType()).second);
+          const std::string column = add(framework ? declared.at(a).column : columnName(a->name()),
+                                         columnType(a->attributeType()).second);
           columnOf[a] = column;
           schema.mappings_[a] = {PropertyMapping::Kind::Attribute, table.name, column, {}, {}, {}};
           if (a->isIndexed()) {
@@ -162,14 +206,17 @@ StoreSchema StoreSchema::forModel(const ManagedObjectModel& model, const EntityN
           }
         }
         for (const RelationshipDescription* r : toOnes) {
-          const std::string column = add(columnName(r->name()), "INTEGER");
+          const std::string column =
+              add(framework ? declared.at(r).column : columnName(r->name()), "INTEGER");
           columnOf[r] = column;
           keyIndexes.push_back({fmt::format("{}_{}_INDEX", table.name, column), table.name, {column}});
           PropertyMapping& mapping = schema.mappings_[r];
           mapping = {PropertyMapping::Kind::ToOne, table.name, column, {}, {}, {}};
           if (r->destinationEntity() != nullptr && !r->destinationEntity()->subentities().empty()) {
             mapping.entityColumn =
-                add(fmt::format("Z{}_{}", numbers.at(member), upper(r->name())), "INTEGER");
+                add(framework ? declared.at(r).entityColumn
+                              : fmt::format("Z{}_{}", numbers.at(member), upper(r->name())),
+                    "INTEGER");
           }
         }
       }

@@ -33,10 +33,22 @@ struct IndexSchema {
   std::string name;
   std::string table;
   std::vector<std::string> columns;
-  std::string createSql() const;
+  std::string createSql(bool ifNotExists = false) const;
 };
 
 using EntityNumbers = std::map<const EntityDescription*, std::int64_t>;
+
+// How the columns of attributes and to-one relationships are named.
+enum class ColumnNaming {
+  // As Core Data names them: properties of one hierarchy whose upper-cased names clash are numbered
+  // 1, 2, … in the Z_ENT order of the entities that declare them (the first keeps the plain name),
+  // and a to-one's entity-number column is Z<destination's Z_ENT>_<NAME> with the same number.
+  Framework,
+  // As our own earlier builds named them: clashes numbered in the order the columns were laid out
+  // (by kind first), and the entity-number column carrying the declaring entity's Z_ENT. Kept only
+  // to recognise such stores and rename their columns.
+  EarlierBuilds,
+};
 
 // Where one property's values live in the store.
 struct PropertyMapping {
@@ -62,7 +74,8 @@ class StoreSchema {
   // The numbers Core Data gives the entities of a new store: roots by name, each followed by its
   // sub-entities depth first, so that a hierarchy is one block.
   static EntityNumbers numberEntities(const ManagedObjectModel& model);
-  static StoreSchema forModel(const ManagedObjectModel& model, const EntityNumbers& numbers);
+  static StoreSchema forModel(const ManagedObjectModel& model, const EntityNumbers& numbers,
+                              ColumnNaming naming = ColumnNaming::Framework);
 
   const std::vector<TableSchema>& tables() const { return tables_; }
   const std::vector<IndexSchema>& indexes() const { return indexes_; }

@@ -3,6 +3,7 @@
 #include "objectstore/sqlite/sqlite_store.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cctype>
@@ -62,9 +63,23 @@ Value newMetadata(const ManagedObjectModel& model) {
       {"NSStoreModelVersionHashes", Value(std::move(hashes))},
       {"NSStoreModelVersionHashesVersion", 3},
       {"NSStoreModelVersionIdentifiers", Value(std::move(identifiers))},
-      {"NSPersistenceFrameworkVersion", 637},
+      {"NSPersistenceFrameworkVersion", SqliteStore::kPersistenceFrameworkVersion},
       {"_NSAutoVacuumLevel", "2"},
   });
+}
+
+// Z_MODELCACHE with the model's cached content, replacing what the table held.
+Status writeModelCache(Database& db, const ManagedObjectModel& model) {
+  auto content = model.cachedContent();
+  if (!content) return fail(content.error());
+  for (const char* sql :
+       {"CREATE TABLE IF NOT EXISTS Z_MODELCACHE (Z_CONTENT BLOB)", "DELETE FROM Z_MODELCACHE"}) {
+    if (auto s = db.execute(sql); !s) return s;
+  }
+  auto insert = db.prepare("INSERT INTO Z_MODELCACHE (Z_CONTENT) VALUES (?)");
+  if (!insert) return fail(insert.error());
+  if (auto s = insert->bind(1, Value(std::move(*content))); !s) return s;
+  return insert->run();
 }
 
 Status createTables(Database& db, const ManagedObjectModel& model) {
@@ -73,44 +88,41 @@ Status createTables(Database& db, const ManagedObjectModel& model) {
        {"PRAGMA page_size = 4096", "PRAGMA auto_vacuum = 2", "PRAGMA journal_mode = WAL"}) {
     if (auto s = db.execute(pragma); !s) return s;
   }
-  if (auto s = db.execute("BEGIN EXCLUSIVE"); !s) return s;
+  auto transaction = Transaction::begin(db, Transaction::Kind::Exclusive);
+  if (!transaction) return fail(transaction.error());
   const EntityNumbers numbers = StoreSchema::numberEntities(model);
   const StoreSchema schema = StoreSchema::forModel(model, numbers);
-  auto body = [&]() -> Status {
-    for (const TableSchema& table : schema.tables()) {
-      if (auto s = db.execute(table.createSql()); !s) return s;
-    }
-    for (const IndexSchema& index : schema.indexes()) {
-      if (auto s = db.execute(index.createSql()); !s) return s;
-    }
-    for (const char* sql :
-         {"CREATE TABLE Z_PRIMARYKEY (Z_ENT INTEGER PRIMARY KEY, Z_NAME VARCHAR, Z_SUPER INTEGER, Z_MAX "
-          "INTEGER)",
-          "CREATE TABLE Z_METADATA (Z_VERSION INTEGER PRIMARY KEY, Z_UUID VARCHAR(255), Z_PLIST BLOB)"}) {
-      if (auto s = db.execute(sql); !s) return s;
-    }
-    auto insert = db.prepare("INSERT INTO Z_PRIMARYKEY (Z_ENT, Z_NAME, Z_SUPER, Z_MAX) VALUES (?, ?, ?, 0)");
-    if (!insert) return fail(insert.error());
-    for (const auto& [entity, number] : numbers) {
-      const std::int64_t super = entity->superentity() ? numbers.at(entity->superentity()) : 0;
-      if (auto s = insert->bind(1, Value(number)); !s) return s;
-      if (auto s = insert->bind(2, Value(entity->name())); !s) return s;
-      if (auto s = insert->bind(3, Value(super)); !s) return s;
-      if (auto s = insert->run(); !s) return s;
-      if (auto s = insert->reset(); !s) return s;
-    }
-    auto plist = dataWithPropertyList(newMetadata(model));
-    if (!plist) return fail(plist.error());
-    auto metadata = db.prepare("INSERT INTO Z_METADATA (Z_VERSION, Z_UUID, Z_PLIST) VALUES (1, ?, ?)");
-    if (!metadata) return fail(metadata.error());
-    if (auto s = metadata->bind(1, Value(Uuid::random().string())); !s) return s;
-    if (auto s = metadata->bind(2, Value(*plist)); !s) return s;
-    if (auto s = metadata->run(); !s) return s;
-    return db.execute("COMMIT");
-  };
-  Status status = body();
-  if (!status) (void)db.execute("ROLLBACK");
-  return status;
+  for (const TableSchema& table : schema.tables()) {
+    if (auto s = db.execute(table.createSql()); !s) return s;
+  }
+  for (const IndexSchema& index : schema.indexes()) {
+    if (auto s = db.execute(index.createSql()); !s) return s;
+  }
+  for (const char* sql :
+       {"CREATE TABLE Z_PRIMARYKEY (Z_ENT INTEGER PRIMARY KEY, Z_NAME VARCHAR, Z_SUPER INTEGER, Z_MAX "
+        "INTEGER)",
+        "CREATE TABLE Z_METADATA (Z_VERSION INTEGER PRIMARY KEY, Z_UUID VARCHAR(255), Z_PLIST BLOB)"}) {
+    if (auto s = db.execute(sql); !s) return s;
+  }
+  auto insert = db.prepare("INSERT INTO Z_PRIMARYKEY (Z_ENT, Z_NAME, Z_SUPER, Z_MAX) VALUES (?, ?, ?, 0)");
+  if (!insert) return fail(insert.error());
+  for (const auto& [entity, number] : numbers) {
+    const std::int64_t super = entity->superentity() ? numbers.at(entity->superentity()) : 0;
+    if (auto s = insert->bind(1, Value(number)); !s) return s;
+    if (auto s = insert->bind(2, Value(entity->name())); !s) return s;
+    if (auto s = insert->bind(3, Value(super)); !s) return s;
+    if (auto s = insert->run(); !s) return s;
+    if (auto s = insert->reset(); !s) return s;
+  }
+  auto plist = dataWithPropertyList(newMetadata(model));
+  if (!plist) return fail(plist.error());
+  auto metadata = db.prepare("INSERT INTO Z_METADATA (Z_VERSION, Z_UUID, Z_PLIST) VALUES (1, ?, ?)");
+  if (!metadata) return fail(metadata.error());
+  if (auto s = metadata->bind(1, Value(Uuid::random().string())); !s) return s;
+  if (auto s = metadata->bind(2, Value(*plist)); !s) return s;
+  if (auto s = metadata->run(); !s) return s;
+  if (auto s = writeModelCache(db, model); !s) return s;
+  return transaction->commit();
 }
 
 }  // namespace
@@ -203,27 +215,130 @@ Status SqliteStore::readEntityNumbers() {
   return checkColumns();
 }
 
-Status SqliteStore::checkColumns() {
-  // The layout is computed from the model and the store's entity numbers; a store whose tables
-  // differ (written by something else, or damaged) is refused rather than written wrongly. Reads
-  // only the schema, never the rows.
-  for (const TableSchema& table : schema_.tables()) {
-    auto statement = database_->prepare(fmt::format("PRAGMA table_info({})", table.name));
+namespace {
+
+using TableColumns = std::map<std::string, std::set<std::string, std::less<>>, std::less<>>;
+
+// The columns of the tables a schema names, as the file has them (an absent table has none).
+// Reads only the schema, never the rows.
+Expected<TableColumns> columnsInFile(Database& database, const StoreSchema& schema) {
+  TableColumns columns;
+  for (const TableSchema& table : schema.tables()) {
+    auto statement = database.prepare(fmt::format("PRAGMA table_info({})", table.name));
     if (!statement) return fail(statement.error());
-    std::set<std::string, std::less<>> present;
+    auto& present = columns[table.name];
     for (;;) {
       auto row = statement->step();
       if (!row) return fail(row.error());
       if (!*row) break;
       present.insert(statement->text(1));
     }
-    if (present.empty()) return fail(notAStore(path(), fmt::format("it has no table {}", table.name)));
+  }
+  return columns;
+}
+
+// Why the file does not have a schema's layout, or nothing when it has.
+std::optional<std::string> layoutMismatch(const StoreSchema& schema, const TableColumns& inFile) {
+  for (const TableSchema& table : schema.tables()) {
+    const auto& present = inFile.at(table.name);
+    if (present.empty()) return fmt::format("it has no table {}", table.name);
     for (const ColumnSchema& column : table.columns) {
-      if (!present.contains(column.name)) {
-        return fail(notAStore(path(), fmt::format("its table {} has no column {}", table.name, column.name)));
-      }
+      if (!present.contains(column.name))
+        return fmt::format("its table {} has no column {}", table.name, column.name);
     }
   }
+  return std::nullopt;
+}
+
+// Pairs of (table, old name, new name) for the columns whose names differ between two layouts of
+// the same model and entity numbers.
+struct ColumnRename {
+  std::string table;
+  std::string from;
+  std::string to;
+};
+std::vector<ColumnRename> columnRenames(const ManagedObjectModel& model, const StoreSchema& from,
+                                        const StoreSchema& to) {
+  std::vector<ColumnRename> renames;
+  for (const auto& entity : model.entities()) {
+    for (const auto& property : entity->ownProperties()) {
+      const PropertyMapping* was = from.mapping(*property);
+      const PropertyMapping* is = to.mapping(*property);
+      if (was == nullptr || is == nullptr) continue;
+      if (is->kind != PropertyMapping::Kind::Attribute && is->kind != PropertyMapping::Kind::ToOne) continue;
+      if (was->column != is->column) renames.push_back({is->table, was->column, is->column});
+      if (was->entityColumn != is->entityColumn)
+        renames.push_back({is->table, was->entityColumn, is->entityColumn});
+    }
+  }
+  return renames;
+}
+
+}  // namespace
+
+Status SqliteStore::checkColumns() {
+  // The layout is computed from the model and the store's entity numbers; a store whose tables
+  // differ (written by something else, or damaged) is refused rather than written wrongly.
+  auto inFile = columnsInFile(*database_, schema_);
+  if (!inFile) return fail(inFile.error());
+  const std::optional<std::string> mismatch = layoutMismatch(schema_, *inFile);
+  if (!mismatch) return {};
+  StoreSchema earlier = StoreSchema::forModel(*model_, numbers_, ColumnNaming::EarlierBuilds);
+  if (layoutMismatch(earlier, *inFile)) return fail(notAStore(path(), *mismatch));
+  if (options_.readOnly) {
+    schema_ = std::move(earlier);
+    return {};
+  }
+  return renameColumnsOf(earlier);
+}
+
+Status SqliteStore::renameColumnsOf(const StoreSchema& earlier) {
+  const std::vector<ColumnRename> renames = columnRenames(*model_, earlier, schema_);
+  auto transaction = Transaction::begin(*database_, Transaction::Kind::Exclusive);
+  if (!transaction) return fail(transaction.error());
+  // Through names of their own first: two clashing columns may swap names.
+  for (std::size_t i = 0; i < renames.size(); ++i) {
+    if (auto s = database_->execute(fmt::format("ALTER TABLE {} RENAME COLUMN {} TO Z_RENAMING_{}",
+                                                renames[i].table, renames[i].from, i));
+        !s)
+      return s;
+  }
+  for (std::size_t i = 0; i < renames.size(); ++i) {
+    if (auto s = database_->execute(fmt::format("ALTER TABLE {} RENAME COLUMN Z_RENAMING_{} TO {}",
+                                                renames[i].table, i, renames[i].to));
+        !s)
+      return s;
+  }
+  // An index keeps its name and follows its column through a rename: those whose name or columns
+  // are no longer the layout's go, and the layout's indexes are made where missing.
+  std::map<std::string, const IndexSchema*> wanted;
+  for (const IndexSchema& index : schema_.indexes()) wanted.emplace(index.name, &index);
+  for (const IndexSchema& index : earlier.indexes()) {
+    std::vector<std::string> columns = index.columns;
+    for (std::string& column : columns) {
+      for (const ColumnRename& rename : renames) {
+        if (rename.table == index.table && rename.from == column) {
+          column = rename.to;
+          break;
+        }
+      }
+    }
+    auto same = wanted.find(index.name);
+    if (same != wanted.end() && same->second->table == index.table && same->second->columns == columns)
+      continue;
+    if (auto s = database_->execute(fmt::format("DROP INDEX IF EXISTS {}", index.name)); !s) return s;
+  }
+  for (const IndexSchema& index : schema_.indexes()) {
+    if (auto s = database_->execute(index.createSql(/*ifNotExists=*/true)); !s) return s;
+  }
+  if (auto s = writeModelCache(*database_, *model_); !s) return s;
+  if (auto s = transaction->commit(); !s) return s;
+  std::vector<std::string> changes;
+  for (const ColumnRename& rename : renames)
+    changes.push_back(fmt::format("{}.{} → {}", rename.table, rename.from, rename.to));
+  openingNote_ = fmt::format(
+      "Renamed {} columns of the store “{}” to the names Core Data gives them and cached its model: {}",
+      renames.size(), path().filename().string(), fmt::join(changes, ", "));
   return {};
 }
 

@@ -31,9 +31,14 @@ class SqliteStore {
     std::chrono::milliseconds busyTimeout = std::chrono::seconds(10);
   };
 
+  // NSPersistenceFrameworkVersion in the metadata of stores this engine creates.
+  static constexpr std::int64_t kPersistenceFrameworkVersion = 637;
+
   // Opens an existing store. Fails for a missing, non-SQLite, corrupt or locked file, for a
   // database that is not a Core Data store, and (134100) for a model whose entity hashes differ
-  // from the store's; the file is left as it was.
+  // from the store's; the file is left as it was. A store that our earlier builds created, whose
+  // clashing columns carry names Core Data would not give them, has those columns renamed in one
+  // transaction (read-only: it is read under its old names); openingNote() says so.
   [[nodiscard]] static Expected<std::unique_ptr<SqliteStore>> open(
       const std::filesystem::path& path, std::shared_ptr<const ManagedObjectModel> model, Options options);
 
@@ -72,6 +77,9 @@ class SqliteStore {
   [[nodiscard]] Expected<std::int64_t> allocatePrimaryKeys(const EntityDescription& entity,
                                                            std::int64_t count);
 
+  // What opening changed in the file, for the log; empty when nothing.
+  const std::string& openingNote() const { return openingNote_; }
+
   // Where every entity's rows and every property's values are, for this store's entity numbers.
   const StoreSchema& schema() const { return schema_; }
   Database& database() { return *database_; }
@@ -82,6 +90,7 @@ class SqliteStore {
   [[nodiscard]] Status readEntityNumbers();
   [[nodiscard]] Status checkModel() const;
   [[nodiscard]] Status checkColumns();
+  [[nodiscard]] Status renameColumnsOf(const StoreSchema& earlier);
 
   std::unique_ptr<Database> database_;
   std::shared_ptr<const ManagedObjectModel> model_;
@@ -90,6 +99,7 @@ class SqliteStore {
   Dictionary metadata_;
   EntityNumbers numbers_;
   StoreSchema schema_;
+  std::string openingNote_;
   std::map<std::int64_t, const EntityDescription*> entitiesByNumber_;
 };
 
