@@ -138,7 +138,9 @@ std::shared_ptr<PrecursorListGroup> PrecursorListGroup::initWithPasteboardProper
   std::shared_ptr<PrecursorListGroup> copy;
   context->performBlockAndWait([&] {
     auto source = context->existingObjectWithID(*id);
-    if (!source) return;
+    // The source's class is the class of its entity's new objects: checking it before inserting
+    // keeps a failed paste from leaving an object behind for the next save.
+    if (!source || !std::dynamic_pointer_cast<PrecursorListGroup>(*source)) return;
     copy = std::dynamic_pointer_cast<PrecursorListGroup>(
         context->insertNewObjectForEntityForName((*source)->entity().name()));
     if (copy) copyAttributes(*copy, **source);
