@@ -38,6 +38,22 @@ PersistentStoreCoordinator* delegatePersistentStoreCoordinator(
   return delegate ? delegate->persistentStoreCoordinator() : nullptr;
 }
 
+std::shared_ptr<StoreEnvironment> decodingEnvironment(const std::shared_ptr<StoreEnvironment>& fallback) {
+  const ManagedObjectContext* context = ManagedObjectContext::decodingContext();
+  if (context == nullptr || context->persistentStoreCoordinator() == nullptr) return fallback;
+  auto registry = context->persistentStoreCoordinator()->managedObjectClassRegistry();
+  const auto* environment = std::any_cast<std::shared_ptr<StoreEnvironment>>(&registry->userInfo());
+  return environment != nullptr && *environment ? *environment : fallback;
+}
+
+PersistentStoreCoordinator* decodingPersistentStoreCoordinator(
+    const std::shared_ptr<StoreEnvironment>& fallback) {
+  if (const ManagedObjectContext* context = ManagedObjectContext::decodingContext()) {
+    if (context->persistentStoreCoordinator() != nullptr) return context->persistentStoreCoordinator();
+  }
+  return delegatePersistentStoreCoordinator(fallback);
+}
+
 std::optional<ManagedObjectID> objectIDForURI(const PersistentStoreCoordinator* coordinator, const Url& uri) {
   if (coordinator == nullptr) return std::nullopt;
   return coordinator->managedObjectIDForURIRepresentation(uri);

@@ -41,6 +41,14 @@ ManagedObjectContext* delegateManagedObjectContext(const std::shared_ptr<StoreEn
 PersistentStoreCoordinator* delegatePersistentStoreCoordinator(
     const std::shared_ptr<StoreEnvironment>& application);
 
+// For archived value objects being decoded on the calling thread: the environment and coordinator
+// of the store the archive belongs to, that is of the context reading it from its store
+// (ManagedObjectContext::decodingContext); outside such a read (an archive from a pasteboard, say)
+// `fallback` and its delegate's coordinator. Same lifetime rule as above.
+std::shared_ptr<StoreEnvironment> decodingEnvironment(const std::shared_ptr<StoreEnvironment>& fallback);
+PersistentStoreCoordinator* decodingPersistentStoreCoordinator(
+    const std::shared_ptr<StoreEnvironment>& fallback);
+
 // The ID for an object URI through the coordinator; nothing without a coordinator or when the URI
 // names no object of its stores.
 std::optional<ManagedObjectID> objectIDForURI(const PersistentStoreCoordinator* coordinator, const Url& uri);

@@ -62,10 +62,10 @@ MarkerFragment::MarkerFragment(double mzValue, ManagedObjectContext* context, Uu
 }
 
 CodingClass MarkerFragment::codingClass(std::shared_ptr<StoreEnvironment> application) {
-  return CodingClass{
-      {std::string(kMarkerFragmentClassName), "NSObject"}, [application] {
-        return ObjectPtr(std::shared_ptr<MarkerFragment>(new MarkerFragment(Blank{}, application)));
-      }};
+  return CodingClass{{std::string(kMarkerFragmentClassName), "NSObject"}, [application] {
+                       return ObjectPtr(std::shared_ptr<MarkerFragment>(
+                           new MarkerFragment(Blank{}, decodingEnvironment(application))));
+                     }};
 }
 
 std::vector<std::string> MarkerFragment::classChain() const {
@@ -105,7 +105,7 @@ void MarkerFragment::encodeWithCoder(KeyedArchiver& coder) const {
 Status MarkerFragment::initWithCoder(KeyedUnarchiver& coder) {
   context_ = WeakContext();
   correlationBasedTimes_.clear();
-  const PersistentStoreCoordinator* coordinator = delegatePersistentStoreCoordinator(application_);
+  const PersistentStoreCoordinator* coordinator = decodingPersistentStoreCoordinator(application_);
   if (coordinator == nullptr)
     return fail(corruptArchiveError("a marker fragment without a store coordinator"));
 

@@ -17,6 +17,22 @@ namespace tesselune {
 
 namespace {
 
+thread_local ManagedObjectContext* tDecodingContext = nullptr;
+
+// Marks the calling thread as reading rows for a context; nests.
+class DecodingScope {
+ public:
+  explicit DecodingScope(ManagedObjectContext* context) : previous_(tDecodingContext) {
+    tDecodingContext = context;
+  }
+  ~DecodingScope() { tDecodingContext = previous_; }
+  DecodingScope(const DecodingScope&) = delete;
+  DecodingScope& operator=(const DecodingScope&) = delete;
+
+ private:
+  ManagedObjectContext* previous_;
+};
+
 std::unordered_map<std::string, int> columnIndexes(const Statement& statement) {
   std::unordered_map<std::string, int> indexes;
   for (int i = 0; i < statement.columnCount(); ++i) indexes.emplace(statement.columnName(i), i);
@@ -120,6 +136,10 @@ std::shared_ptr<ManagedObject> ManagedObjectContext::objectWithID(const ManagedO
   return registerObject(id.entity(), id);
 }
 
+ManagedObjectContext* ManagedObjectContext::decodingContext() {
+  return tDecodingContext;
+}
+
 std::shared_ptr<ManagedObject> ManagedObjectContext::objectRegisteredForID(const ManagedObjectID& id) const {
   std::lock_guard lock(mutex_);
   auto found = registered_.find(id);
@@ -148,6 +168,7 @@ void ManagedObjectContext::fillFromRow(SqliteStore& store, ManagedObject& object
                                        std::map<std::string, Value, std::less<>>& committed,
                                        const std::set<std::string, std::less<>>& changed) {
   ManagedObjectContext& context = *this;
+  const DecodingScope decoding(this);
   const StoreSchema& schema = store.schema();
   for (const auto& [name, property] : object.entity().propertiesByName()) {
     if (property->isTransient()) continue;

@@ -70,6 +70,10 @@ class ManagedObjectContext {
   void setUndoManager(std::shared_ptr<UndoManager> undoManager) { undoManager_ = std::move(undoManager); }
   MergePolicyType mergePolicy() const { return mergePolicy_; }
   void setMergePolicy(MergePolicyType policy) { mergePolicy_ = policy; }
+  // The context whose stored rows are being read on the calling thread, while values of their
+  // transformable attributes decode: archived objects decoding then belong to its coordinator's
+  // stores. nullptr outside such a read.
+  static ManagedObjectContext* decodingContext();
   // Expires when the context is destroyed: what weak references to a context hold (WeakContext).
   std::weak_ptr<const void> lifetimeToken() const { return lifetime_; }
 

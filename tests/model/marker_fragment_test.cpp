@@ -12,7 +12,9 @@
 #include "foundation/type_identifier.h"
 #include "mac_archive.h"
 #include "model/application_object.h"
+#include "model/correlated_precursor.h"
 #include "model/marker_fragment_group.h"
+#include "model/precursor_list.h"
 #include "test_store.h"
 
 namespace tesselune {
@@ -146,6 +148,45 @@ TEST_F(MarkerFragments, AGroupsFragmentsSurviveASaveAndAReopenWithThePermanentGr
   EXPECT_EQ(byMz[500.25]->correlationBasedTimesInChromatograms(),
             (Array{entry(kRun, {Value(1.5)}), entry("", {})}));
   EXPECT_TRUE(byMz[600.5]->correlationBasedTimesInChromatograms().empty());
+}
+
+// Archived values belong to the store they are read from, not to the store opened last.
+TEST_F(MarkerFragments, ArchivedValuesDecodeAgainstTheirOwnStoreWhenAnotherIsOpen) {
+  auto group = savedGroup();
+  group->setMarkerFragments(ValueSet{Value(fragment(500.25, group->objectID()))});
+  auto selection = store_.insert("PrecursorSelection");
+  auto list = test::insertAs<PrecursorList>(store_, "PrecursorList");
+  ASSERT_TRUE(store_.context().save());
+  const ManagedObjectID groupID = group->objectID(), listID = list->objectID();
+  const ManagedObjectID selectionID = selection->objectID();
+  list->setCorrelatedPrecursors(CorrelatedPrecursors{
+      std::make_shared<CorrelatedPrecursor>(kId, 412.2371, 0.0123, selectionID, store_.environment)});
+  ASSERT_TRUE(store_.context().save());
+  group = nullptr;
+  list = nullptr;
+  selection = nullptr;
+  store_ = {};
+
+  auto first = test::openStore(path_);
+  auto second = test::openStore(test::scratchFolder("fragments-other") / "TesseluneStore.tesselune");
+  auto context = first.delegate->persistentDataContainer()->newBackgroundContext();
+  context->performBlockAndWait([&] {
+    auto reread = std::dynamic_pointer_cast<MarkerFragmentGroup>(*context->existingObjectWithID(groupID));
+    ASSERT_TRUE(reread);
+    auto fragments = reread->markerFragments();
+    ASSERT_TRUE(fragments);
+    ASSERT_EQ(fragments->size(), 1u);
+    auto decoded = fragments->begin()->asObjectOf<MarkerFragment>();
+    EXPECT_EQ(decoded->markerFragmentGroupID(), groupID);
+    EXPECT_EQ(decoded->application(), first.environment);
+
+    auto precursors = std::dynamic_pointer_cast<PrecursorList>(*context->existingObjectWithID(listID))
+                          ->correlatedPrecursors();
+    ASSERT_TRUE(precursors);
+    ASSERT_EQ(precursors->size(), 1u);
+    EXPECT_EQ((*precursors)[0]->precursorSelectionID(), selectionID);
+    EXPECT_EQ((*precursors)[0]->application(), first.environment);
+  });
 }
 
 TEST_F(MarkerFragments, MalformedArchivesFallBackOrFail) {
