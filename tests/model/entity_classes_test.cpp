@@ -369,6 +369,21 @@ TEST_F(EntityClasses, DataCollectionKeepsOneUndoManager) {
   ASSERT_TRUE(undo);
   EXPECT_EQ(collection->undoManager(), undo);
   EXPECT_NE(undo, store_.context().undoManager());
+
+  // Twenty levels: the oldest changes fall off, undo and redo alike.
+  std::vector<int> undone;
+  for (int change = 1; change <= 25; ++change) {
+    undo->registerUndo([&undone, &undo, change] {
+      undone.push_back(change);
+      undo->registerUndo([] {});
+    });
+  }
+  while (undo->canUndo()) undo->undo();
+  ASSERT_EQ(undone.size(), 20u);
+  EXPECT_EQ(undone.front(), 25);
+  EXPECT_EQ(undone.back(), 6);
+  EXPECT_EQ(undo->redoCount(), 20u);
+
   // The view controllers are held weakly.
   auto controller = std::make_shared<AttributedString>();
   collection->setGraphicViewController(controller);
