@@ -38,7 +38,7 @@ std::optional<ValueSet> MarkerFragmentGroup::markerFragments() const {
 void MarkerFragmentGroup::setMarkerFragments(std::optional<ValueSet> fragments) {
   willChangeValueForKey(kMarkerFragments);
   if (!fragments) {
-    setPrimitiveValue(Value(), kMarkerFragments);
+    setPrimitiveValue(Value(), storedFragmentsKey());
     didChangeValueForKey(kMarkerFragments);
     return;
   }
@@ -52,7 +52,7 @@ void MarkerFragmentGroup::setMarkerFragments(std::optional<ValueSet> fragments) 
       if (!fragment->application()) fragment->setApplication(environment());
     }
   }
-  setPrimitiveValue(Value(std::move(*fragments)), kMarkerFragments);
+  setPrimitiveValue(Value(std::move(*fragments)), storedFragmentsKey());
   didChangeValueForKey(kMarkerFragments);
 }
 

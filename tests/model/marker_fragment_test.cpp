@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
+
 #include "foundation/keyed_archiver.h"
 #include "foundation/keyed_unarchiver.h"
 #include "foundation/type_identifier.h"
@@ -187,6 +190,46 @@ TEST_F(MarkerFragments, ArchivedValuesDecodeAgainstTheirOwnStoreWhenAnotherIsOpe
     EXPECT_EQ((*precursors)[0]->precursorSelectionID(), selectionID);
     EXPECT_EQ((*precursors)[0]->application(), first.environment);
   });
+}
+
+// A model whose attribute is spelt "MarkerFragments" keeps the set there: written, saved and read
+// back through the same attribute.
+TEST_F(MarkerFragments, TheSetRoundTripsUnderEitherSpellingOfTheModelsAttribute) {
+  auto bundle = storeModelBundlePath();
+  ASSERT_TRUE(bundle) << bundle.error().debugDescription();
+  const fs::path folder = test::scratchFolder("fragments-spelling");
+  std::ifstream in(*bundle / "Tesselune.xcdatamodel" / "contents");
+  std::string contents((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string lower = "<attribute name=\"markerFragments\"";
+  ASSERT_NE(contents.find(lower), std::string::npos);
+  contents.replace(contents.find(lower), lower.size(), "<attribute name=\"MarkerFragments\"");
+  std::ofstream(folder / "contents") << contents;
+  auto model = ManagedObjectModel::modelWithContentsOfFile(folder / "contents");
+  ASSERT_TRUE(model) << model.error().debugDescription();
+
+  store_ = {};
+  const fs::path path = folder / "TesseluneStore.tesselune";
+  store_ = test::openStore(path, {}, *model);
+  auto group = savedGroup();
+  ASSERT_TRUE(group->entity().attributesByName().contains("MarkerFragments"));
+  group->setMarkerFragments(ValueSet{Value(fragment(500.25, group->objectID()))});
+  EXPECT_EQ(group->numberOfFragments(), 1);
+  EXPECT_EQ(group->valueForKey("markerFragments").asSet().size(), 1u);
+  ASSERT_TRUE(store_.context().save());
+  const ManagedObjectID groupID = group->objectID();
+  group = nullptr;
+  store_ = {};
+
+  store_ = test::openStore(path, {}, *model);
+  auto reread =
+      std::dynamic_pointer_cast<MarkerFragmentGroup>(*store_.context().existingObjectWithID(groupID));
+  ASSERT_TRUE(reread);
+  auto fragments = reread->markerFragments();
+  ASSERT_TRUE(fragments);
+  ASSERT_EQ(fragments->size(), 1u);
+  EXPECT_EQ(fragments->begin()->asObjectOf<MarkerFragment>()->mzValue(), 500.25);
+  reread->setMarkerFragments(std::nullopt);
+  EXPECT_EQ(reread->numberOfFragments(), 0);
 }
 
 TEST_F(MarkerFragments, MalformedArchivesFallBackOrFail) {
