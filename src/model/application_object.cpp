@@ -27,9 +27,11 @@ std::shared_ptr<ApplicationControl> delegateOf(const std::shared_ptr<StoreEnviro
 
 }  // namespace
 
-ManagedObjectContext* delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application) {
+ContextHandle delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application) {
   auto delegate = delegateOf(application);
-  return delegate ? delegate->managedObjectContext() : nullptr;
+  if (!delegate || delegate->managedObjectContext() == nullptr) return {};
+  ManagedObjectContext* context = delegate->managedObjectContext();
+  return ContextHandle(context, std::move(delegate));
 }
 
 PersistentStoreCoordinator* delegatePersistentStoreCoordinator(

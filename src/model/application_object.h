@@ -34,10 +34,11 @@ class FatalError : public std::logic_error {
 void printLine(std::string_view text);
 
 // The delegate's view context and coordinator. Throws FatalError when `application` is empty;
-// nullptr when the delegate is missing, of another class or has no container. The pointers are
-// owned by the delegate, which the caller's environment keeps reachable only weakly: use them at
-// once, not later.
-ManagedObjectContext* delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application);
+// empty / nullptr when the delegate is missing, of another class or has no container. The context
+// comes as a handle that owns the delegate, so it stays alive while the handle is held. The
+// coordinator is owned by the delegate, which the caller's environment keeps reachable only
+// weakly: use it at once, not later.
+ContextHandle delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application);
 PersistentStoreCoordinator* delegatePersistentStoreCoordinator(
     const std::shared_ptr<StoreEnvironment>& application);
 

@@ -213,15 +213,15 @@ void IonVolume::passOnGroupID(const std::optional<ManagedObjectID>& id,
   ionVolumeGroupID_ = id;
 }
 
-ManagedObjectContext* IonVolume::managedObjectContext() const {
-  if (context_) return context_.get();
-  if (ManagedObjectContext* context = delegateManagedObjectContext(application_)) return context;
+ContextHandle IonVolume::managedObjectContext() const {
+  if (ContextHandle context = context_.lock()) return context;
+  if (ContextHandle context = delegateManagedObjectContext(application_)) return context;
   fatalError(
       "An ion volume has no managed object context: none was set and the application delegate has none.");
 }
 
 std::shared_ptr<IonVolumeGroup> IonVolume::ionVolumeGroup() const {
-  ManagedObjectContext* context = managedObjectContext();
+  const ContextHandle context = managedObjectContext();
   if (!ionVolumeGroupID_ || isEmptyObjectID(*ionVolumeGroupID_)) return nullptr;
   return existingObjectOfClass<IonVolumeGroup>(
       *context, *ionVolumeGroupID_,

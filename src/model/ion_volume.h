@@ -105,10 +105,11 @@ class IonVolume final : public Object, public Coding {
   // ion volume is visited once, so related volumes that refer to each other do not loop.
   void setIonVolumeGroupID(std::optional<ManagedObjectID> id);
 
-  // The context set (_managedObjectContext), nullptr when none.
-  ManagedObjectContext* weakManagedObjectContext() const { return context_.get(); }
-  // The context set, else the delegate's; FatalError when there is neither.
-  ManagedObjectContext* managedObjectContext() const;
+  // The context set (_managedObjectContext), empty when none; held, the handle keeps it alive.
+  ContextHandle weakManagedObjectContext() const { return context_.lock(); }
+  // The context set, else the delegate's, as a handle that keeps it alive while held; FatalError
+  // when there is neither.
+  ContextHandle managedObjectContext() const;
   void setManagedObjectContext(ManagedObjectContext* context) { context_ = context; }
   const std::shared_ptr<StoreEnvironment>& application() const { return application_; }
 

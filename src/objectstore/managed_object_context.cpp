@@ -68,7 +68,9 @@ Value valueForKeyPath(const Value& object, const std::string& path) {
 
 }  // namespace
 
-ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType type) : type_(type) {
+ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType type)
+    : type_(type), lifetime_(std::make_shared<Lifetime>()) {
+  lifetime_->context = this;
   if (type_ == ManagedObjectContextConcurrencyType::PrivateQueue) {
     queue_ = std::make_unique<OperationQueue>();
     queue_->setMaxConcurrentOperationCount(1);
@@ -77,6 +79,16 @@ ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType t
 }
 
 ManagedObjectContext::~ManagedObjectContext() {
+  {
+    // No new leases; wait for those of other threads (this thread's own cannot be waited for).
+    std::unique_lock lock(lifetime_->mutex);
+    lifetime_->closing = true;
+    const std::thread::id self = std::this_thread::get_id();
+    lifetime_->released.wait(lock, [&] {
+      return std::all_of(lifetime_->users.begin(), lifetime_->users.end(),
+                         [&](std::thread::id user) { return user == self; });
+    });
+  }
   queue_.reset();  // runs or cancels the blocks still queued
   std::lock_guard lock(mutex_);
   for (auto& [id, object] : registered_) object->detach();
@@ -134,6 +146,31 @@ std::shared_ptr<ManagedObject> ManagedObjectContext::objectWithID(const ManagedO
   auto found = registered_.find(id);
   if (found != registered_.end()) return found->second;
   return registerObject(id.entity(), id);
+}
+
+ContextHandle ManagedObjectContext::handle() const {
+  return lease(lifetime_);
+}
+
+ContextHandle ManagedObjectContext::lease(const std::shared_ptr<Lifetime>& lifetime) {
+  if (!lifetime) return {};
+  struct Lease {
+    std::shared_ptr<Lifetime> lifetime;
+    std::thread::id thread = std::this_thread::get_id();
+    ~Lease() {
+      if (!lifetime) return;
+      std::lock_guard lock(lifetime->mutex);
+      auto& users = lifetime->users;
+      users.erase(std::find(users.begin(), users.end(), thread));
+      lifetime->released.notify_all();
+    }
+  };
+  std::lock_guard lock(lifetime->mutex);
+  if (lifetime->closing) return {};
+  auto lease = std::make_shared<Lease>();
+  lease->lifetime = lifetime;
+  lifetime->users.push_back(lease->thread);
+  return ContextHandle(lifetime->context, std::move(lease));
 }
 
 ManagedObjectContext* ManagedObjectContext::decodingContext() {

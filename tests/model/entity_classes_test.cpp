@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <type_traits>
+#include <utility>
 
 #include "foundation/attributed_string.h"
 #include "model/chromatogram.h"
@@ -253,10 +255,14 @@ TEST_F(EntityClasses, MassDeviationFollowsItsFormulaOnceAndIsThenCached) {
   EXPECT_TRUE((*again)->primitiveValueForKey("massDeviation").isNull());
 }
 
-TEST_F(EntityClasses, IonVolumeSearchPredicateIsBuiltOnceAndSubstituted) {
+TEST_F(EntityClasses, IonVolumeSearchPredicateIsACopyThatOutlivesAFault) {
+  static_assert(!std::is_reference_v<decltype(std::declval<PeptideID&>().ionVolumeSearchPredicate())>,
+                "a reference into the cache would change under its holder when a fault rebuilds it");
   auto peptide = test::insertAs<PeptideID>(store_, "PeptideID");
-  const Predicate& predicate = peptide->ionVolumeSearchPredicate();
-  EXPECT_EQ(&predicate, &peptide->ionVolumeSearchPredicate());
+  const Predicate predicate = peptide->ionVolumeSearchPredicate();
+  ASSERT_TRUE(store_.context().save());
+  store_.context().refreshObject(peptide, false);  // a fault: the cache is built anew
+  EXPECT_EQ(peptide->ionVolumeSearchPredicate().predicateFormat(), predicate.predicateFormat());
   EXPECT_EQ(predicate.predicateFormat(),
             "chromatogram == $chromatogram AND referenceObjectID == $referenceObjectID");
   auto bound = predicate.predicateWithSubstitutionVariables(

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <thread>
 
 #include "foundation/keyed_unarchiver.h"
 #include "mac_archive.h"
@@ -165,6 +166,23 @@ TEST_F(IonVolumes, RelatedVolumesThatReferToEachOtherSurviveASaveAndAreFreed) {
   }
   store_ = {};
   for (const auto& volume : decoded) EXPECT_TRUE(volume.expired());
+}
+
+// The delegate's context, handed out as the fallback, stays alive while the handle is held even
+// when the store's owner lets go of everything on another thread.
+TEST_F(IonVolumes, TheFallbackContextOutlivesItsOwnerWhileInUse) {
+  auto detached = volume(1);
+  ContextHandle context = detached->managedObjectContext();
+  ASSERT_TRUE(context);
+  EXPECT_EQ(context, store_.delegate->managedObjectContext());
+  std::thread owner([&] { store_ = {}; });
+  owner.join();
+  auto group = context->insertNewObjectForEntityForName("IonVolumeGroup");
+  EXPECT_TRUE(group);
+  EXPECT_EQ(group->managedObjectContext(), context.get());
+  group = nullptr;
+  context = ContextHandle();
+  EXPECT_THROW((void)detached->managedObjectContext(), FatalError);
 }
 
 TEST_F(IonVolumes, EditsInPlaceMakeTheGroupStoreItsSetAnew) {
