@@ -260,7 +260,7 @@ TEST_F(CorrelatedPrecursors, JsonContainersDecodeUnderADecimalCommaLocale) {
   EXPECT_EQ((*back)->precursorIntensity(), 1.5e6);
 }
 
-TEST_F(CorrelatedPrecursors, ContainerDecodingFailsWithTheStatedErrors) {
+TEST_F(CorrelatedPrecursors, ContainerDecodingFailuresCarryCoderOrUnresolvedLinkCodes) {
   auto base = [&] {
     return Dictionary{
         {"id", Value(kId.string())},

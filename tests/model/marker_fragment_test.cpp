@@ -265,7 +265,7 @@ TEST_F(MarkerFragments, MalformedArchivesFallBackOrFail) {
   }
 }
 
-TEST_F(MarkerFragments, GroupLinksResolveAndFailAsStated) {
+TEST_F(MarkerFragments, GroupLinksResolvePrintAFailureAndStopWithoutAContext) {
   auto group = savedGroup();
   auto other = savedGroup("Other");
   auto one = fragment(500.0, group->objectID());
