@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -100,8 +101,9 @@ struct KeyedUnarchiver::Impl {
   std::vector<const ClassSet*> allowed;  // innermost last; empty when decoding is not restricted
   std::optional<Error> error;
   std::size_t depth = 0;
-  std::uint64_t spent = 0;   // Value nodes materialised so far
-  std::uint64_t budget = 0;  // bound on `spent`, proportional to the archive
+  std::vector<const Object*> decoding;  // instances inside their initWithCoder, innermost last
+  std::uint64_t spent = 0;              // Value nodes materialised so far
+  std::uint64_t budget = 0;             // bound on `spent`, proportional to the archive
   KeyedUnarchiver* owner = nullptr;
 
   void fail(Error e) {
@@ -284,7 +286,9 @@ struct KeyedUnarchiver::Impl {
     slot.chain = chain;
     slot.allowsBackReferences = cls.allowsBackReferences;
     contexts.push_back({dict});
+    decoding.push_back(object.get());
     Status status = coding->initWithCoder(*owner);
+    decoding.pop_back();
     contexts.pop_back();
     if (!status) return fail(status.error());
     if (!error) finish(uid, Value(object), 1, std::move(chain));
@@ -713,6 +717,10 @@ std::optional<std::vector<std::vector<double>>> KeyedUnarchiver::decodeDecodable
 
 void KeyedUnarchiver::failWithError(Error error) {
   impl_->fail(std::move(error));
+}
+
+bool KeyedUnarchiver::isBeingDecoded(const Object* object) const {
+  return std::find(impl_->decoding.begin(), impl_->decoding.end(), object) != impl_->decoding.end();
 }
 
 const std::optional<Error>& KeyedUnarchiver::error() const {

@@ -81,6 +81,10 @@ class KeyedUnarchiver {
   std::optional<std::vector<std::string>> decodeDecodableStrings(std::string_view key);
   std::optional<std::vector<std::vector<double>>> decodeDecodableDoubleArrays(std::string_view key);
 
+  // Whether `object` is an instance whose initWithCoder has not returned yet: a decode inside it
+  // that hands it out again is a back reference (a cycle), which the receiver must hold weakly.
+  bool isBeingDecoded(const Object* object) const;
+
   // Records a failure (the first one counts); further decodes then return null / zero.
   void failWithError(Error error);
   const std::optional<Error>& error() const;

@@ -323,10 +323,10 @@ class Parser {
       if (ec == std::errc() && end == s.data() + s.size()) return Value(v);
       // Too large for 64 bits: as a double, as Foundation reads it.
     }
-    char* end = nullptr;
-    const double d = std::strtod(s.c_str(), &end);
-    if (end != s.c_str() + s.size()) return error(t, "malformed number");
-    if (!std::isfinite(d)) return error(t, "number out of range");
+    double d = 0;
+    auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), d);
+    if (ec == std::errc::result_out_of_range || !std::isfinite(d)) return error(t, "number out of range");
+    if (ec != std::errc() || end != s.data() + s.size()) return error(t, "malformed number");
     return Value(d);
   }
 

@@ -3,8 +3,12 @@
 
 #include "foundation/string_utilities.h"
 
+#include <unicode/ubrk.h>
+#include <unicode/ustring.h>
+
 #include <cstdint>
 #include <stdexcept>
+#include <type_traits>
 #include <vector>
 
 namespace tesselune {
@@ -113,36 +117,41 @@ std::string utf16ToUtf8(std::u16string_view units) {
 
 namespace {
 
-// Simple upper-case mapping of one unit, as far as Foundation's uppercaseString maps letters to a
-// single letter: ASCII, Latin-1, Latin Extended-A, Greek and Cyrillic.
-char16_t upperUnit(char16_t u) {
-  if (u >= u'a' && u <= u'z') return static_cast<char16_t>(u - 32);
-  if ((u >= 0xE0 && u <= 0xFE && u != 0xF7)) return static_cast<char16_t>(u - 32);
-  if (u == 0xFF) return 0x178;
-  if (u >= 0x100 && u <= 0x17F && u != 0x130 && u != 0x131 && u != 0x138 && u != 0x149 && u != 0x17F) {
-    // Latin Extended-A pairs upper/lower, with the run 0x139-0x148 and 0x179-0x17E shifted by one.
-    const bool shifted = (u >= 0x139 && u <= 0x148) || (u >= 0x179 && u <= 0x17E);
-    const bool lower = shifted ? (u % 2 == 0) : (u % 2 == 1);
-    return lower ? static_cast<char16_t>(u - 1) : u;
+// ICU's UChar is char16_t in C++ builds.
+static_assert(std::is_same_v<UChar, char16_t>);
+
+// Full case mapping of `units` with the root locale (as uppercaseString and capitalizedString
+// without a locale): `title` maps each word's first letter to title case and the rest to lower case.
+std::u16string mapCase(std::u16string_view units, bool title) {
+  std::u16string out(units.size() * 3 + 4, u'\0');
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    UErrorCode status = U_ZERO_ERROR;
+    const int32_t length = title ? u_strToTitle(out.data(), static_cast<int32_t>(out.size()), units.data(),
+                                                static_cast<int32_t>(units.size()), nullptr, "", &status)
+                                 : u_strToUpper(out.data(), static_cast<int32_t>(out.size()), units.data(),
+                                                static_cast<int32_t>(units.size()), "", &status);
+    if (status == U_BUFFER_OVERFLOW_ERROR) {
+      out.assign(static_cast<std::size_t>(length), u'\0');
+      continue;
+    }
+    if (U_FAILURE(status)) return std::u16string(units);
+    out.resize(static_cast<std::size_t>(length));
+    return out;
   }
-  if (u >= 0x3B1 && u <= 0x3C9 && u != 0x3C2) return static_cast<char16_t>(u - 32);
-  if (u == 0x3C2) return 0x3A3;
-  if (u >= 0x430 && u <= 0x44F) return static_cast<char16_t>(u - 32);
-  if (u >= 0x450 && u <= 0x45F) return static_cast<char16_t>(u - 80);
-  return u;
+  return std::u16string(units);
 }
 
-// uppercaseString of a short text: unit by unit, with "ß" becoming "SS" as Foundation does.
-std::u16string upper(std::u16string_view units) {
-  std::u16string out;
-  for (char16_t u : units) {
-    if (u == 0xDF) {
-      out += u"SS";
-    } else {
-      out.push_back(upperUnit(u));
-    }
-  }
-  return out;
+// The length in units of the first user-perceived character (extended grapheme cluster), so that
+// a letter outside the basic plane or one followed by combining marks is taken whole.
+std::size_t firstGraphemeLength(std::u16string_view units) {
+  if (units.empty()) return 0;
+  UErrorCode status = U_ZERO_ERROR;
+  UBreakIterator* breaks =
+      ubrk_open(UBRK_CHARACTER, "", units.data(), static_cast<int32_t>(units.size()), &status);
+  if (U_FAILURE(status)) return 1;
+  const int32_t end = ubrk_following(breaks, 0);
+  ubrk_close(breaks);
+  return end == UBRK_DONE ? units.size() : static_cast<std::size_t>(end);
 }
 
 }  // namespace
@@ -165,14 +174,14 @@ std::string shortVersionWithLength(std::string_view text, std::size_t length) {
 
 std::string capitalizedFirstLetter(std::string_view text) {
   const std::u16string units = utf8ToUtf16(text);
-  if (units.size() > 1) {
-    std::u16string out = upper(std::u16string_view(units).substr(0, 1));
-    out.append(units, 1);
+  const std::size_t first = firstGraphemeLength(units);
+  if (units.size() > first) {
+    std::u16string out = mapCase(std::u16string_view(units).substr(0, first), false);
+    out.append(units, first);
     return utf16ToUtf8(out);
   }
-  // capitalizedString of a single unit is its title case: the upper case, except for "ß" ("Ss").
-  if (units.size() == 1 && units.front() == 0xDF) return "Ss";
-  return utf16ToUtf8(upper(units));
+  // A single character is capitalised as a whole: its title case ("ß" gives "Ss", "ǆ" "ǅ").
+  return utf16ToUtf8(mapCase(units, true));
 }
 
 std::string reversedString(std::string_view text) {

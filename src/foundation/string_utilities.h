@@ -1,4 +1,5 @@
-// String utilities with NSString's counting: lengths and positions in UTF-16 code units.
+// String utilities with NSString's counting: lengths and positions in UTF-16 code units. Case
+// mapping and character boundaries come from ICU.
 //
 // Texts are UTF-8 std::strings. Where NSString would cut a character outside the basic plane in
 // two (a lone surrogate half), UTF-8 cannot carry the half, so U+FFFD takes its place; bytes that are
@@ -31,8 +32,9 @@ std::size_t utf16Length(std::string_view text);
 // std::out_of_range.
 std::string shortVersionWithLength(std::string_view text, std::size_t length);
 
-// capitalizedFirstLetter: the first unit upper-cased and the rest unchanged; a text of one unit or
-// none is capitalised as a whole (capitalizedString).
+// capitalizedFirstLetter: the first character (grapheme cluster: a letter outside the basic plane
+// or with its combining marks) upper-cased by Unicode's full case mapping and the rest unchanged;
+// a text of one character or none is capitalised as a whole (capitalizedString: title case).
 std::string capitalizedFirstLetter(std::string_view text);
 
 // reversedString: the UTF-16 units in reverse order. A character outside the basic plane comes out

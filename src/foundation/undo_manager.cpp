@@ -2,6 +2,7 @@
 
 #include "foundation/undo_manager.h"
 
+#include <cstddef>
 #include <utility>
 
 namespace tesselune {
@@ -19,11 +20,24 @@ void UndoManager::push(Group group) {
   if (group.empty()) return;
   if (mode_ == Mode::Undoing) {
     redo_.push_back(std::move(group));
+    trim(redo_);
     return;
   }
   undo_.push_back(std::move(group));
+  trim(undo_);
   // A new change makes the redo history meaningless.
   if (mode_ == Mode::Normal) redo_.clear();
+}
+
+void UndoManager::setLevelsOfUndo(std::size_t levels) {
+  levelsOfUndo_ = levels;
+  trim(undo_);
+  trim(redo_);
+}
+
+void UndoManager::trim(std::vector<Group>& stack) const {
+  if (levelsOfUndo_ == 0 || stack.size() <= levelsOfUndo_) return;
+  stack.erase(stack.begin(), stack.begin() + static_cast<std::ptrdiff_t>(stack.size() - levelsOfUndo_));
 }
 
 void UndoManager::beginUndoGrouping() {

@@ -34,14 +34,23 @@ class UndoManager {
   bool isUndoRegistrationEnabled() const { return disabled_ == 0; }
   std::size_t groupingLevel() const { return open_.size(); }
 
+  // The most top-level groups kept on each of the undo and redo stacks; the oldest go first.
+  // 0 (the default) keeps every group. Lowering it trims the stacks at once.
+  std::size_t levelsOfUndo() const { return levelsOfUndo_; }
+  void setLevelsOfUndo(std::size_t levels);
+  std::size_t undoCount() const { return undo_.size(); }
+  std::size_t redoCount() const { return redo_.size(); }
+
  private:
   using Group = std::vector<Action>;
   void push(Group group);
+  void trim(std::vector<Group>& stack) const;
 
   std::vector<Group> undo_;
   std::vector<Group> redo_;
   std::vector<Group> open_;
   int disabled_ = 0;
+  std::size_t levelsOfUndo_ = 0;
   enum class Mode { Normal, Undoing, Redoing } mode_ = Mode::Normal;
 };
 

@@ -8,6 +8,7 @@
 #include <QEvent>
 #include <QGuiApplication>
 #include <QIcon>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLayout>
 #include <QProgressBar>
@@ -55,7 +56,10 @@ void startOnMainQueue(std::shared_ptr<Operation> operation) {
 
 }  // namespace
 
-// Follows the window's moves (to remember where the next window goes) and its Escape key.
+// Follows the window's moves (to remember where the next window goes) and takes its Escape key:
+// Escape is the cancel action. A dialog would otherwise turn Escape into reject(), which closes
+// the window without cancelling; and closing (the OK button, closeWindow(), a sheet's end, the
+// title bar) must never cancel the work.
 class ProgressWindowManager::WindowEvents : public QObject {
  public:
   WindowEvents(std::weak_ptr<ProgressWindowManager> manager, QObject* parent)
@@ -65,6 +69,11 @@ class ProgressWindowManager::WindowEvents : public QObject {
   bool eventFilter(QObject* watched, QEvent* event) override {
     if (event->type() == QEvent::Move) {
       if (auto manager = manager_.lock()) manager->windowMoved();
+    } else if (event->type() == QEvent::KeyPress &&
+               static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape &&
+               static_cast<QKeyEvent*>(event)->modifiers() == Qt::NoModifier) {
+      if (auto manager = manager_.lock()) manager->cancelProgress();
+      return true;
     }
     return QObject::eventFilter(watched, event);
   }
@@ -146,9 +155,6 @@ void ProgressWindowManager::setUp() {
   });
   QObject::connect(okButton_, &QPushButton::clicked, window_, [weak] {
     if (auto self = weak.lock()) self->closeWindow();
-  });
-  QObject::connect(window_, &QDialog::rejected, window_, [weak] {
-    if (auto self = weak.lock()) self->cancelProgress();
   });
   QObject::connect(window_, &QDialog::finished, window_, [weak](int result) {
     auto self = weak.lock();

@@ -27,15 +27,33 @@ std::shared_ptr<ApplicationControl> delegateOf(const std::shared_ptr<StoreEnviro
 
 }  // namespace
 
-ManagedObjectContext* delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application) {
+ContextHandle delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application) {
   auto delegate = delegateOf(application);
-  return delegate ? delegate->managedObjectContext() : nullptr;
+  if (!delegate || delegate->managedObjectContext() == nullptr) return {};
+  ManagedObjectContext* context = delegate->managedObjectContext();
+  return ContextHandle(context, std::move(delegate));
 }
 
 PersistentStoreCoordinator* delegatePersistentStoreCoordinator(
     const std::shared_ptr<StoreEnvironment>& application) {
   auto delegate = delegateOf(application);
   return delegate ? delegate->persistentStoreCoordinator() : nullptr;
+}
+
+std::shared_ptr<StoreEnvironment> decodingEnvironment(const std::shared_ptr<StoreEnvironment>& fallback) {
+  const ManagedObjectContext* context = ManagedObjectContext::decodingContext();
+  if (context == nullptr || context->persistentStoreCoordinator() == nullptr) return fallback;
+  auto registry = context->persistentStoreCoordinator()->managedObjectClassRegistry();
+  const auto* environment = std::any_cast<std::shared_ptr<StoreEnvironment>>(&registry->userInfo());
+  return environment != nullptr && *environment ? *environment : fallback;
+}
+
+PersistentStoreCoordinator* decodingPersistentStoreCoordinator(
+    const std::shared_ptr<StoreEnvironment>& fallback) {
+  if (const ManagedObjectContext* context = ManagedObjectContext::decodingContext()) {
+    if (context->persistentStoreCoordinator() != nullptr) return context->persistentStoreCoordinator();
+  }
+  return delegatePersistentStoreCoordinator(fallback);
 }
 
 std::optional<ManagedObjectID> objectIDForURI(const PersistentStoreCoordinator* coordinator, const Url& uri) {

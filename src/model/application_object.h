@@ -34,12 +34,21 @@ class FatalError : public std::logic_error {
 void printLine(std::string_view text);
 
 // The delegate's view context and coordinator. Throws FatalError when `application` is empty;
-// nullptr when the delegate is missing, of another class or has no container. The pointers are
-// owned by the delegate, which the caller's environment keeps reachable only weakly: use them at
-// once, not later.
-ManagedObjectContext* delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application);
+// empty / nullptr when the delegate is missing, of another class or has no container. The context
+// comes as a handle that owns the delegate, so it stays alive while the handle is held. The
+// coordinator is owned by the delegate, which the caller's environment keeps reachable only
+// weakly: use it at once, not later.
+ContextHandle delegateManagedObjectContext(const std::shared_ptr<StoreEnvironment>& application);
 PersistentStoreCoordinator* delegatePersistentStoreCoordinator(
     const std::shared_ptr<StoreEnvironment>& application);
+
+// For archived value objects being decoded on the calling thread: the environment and coordinator
+// of the store the archive belongs to, that is of the context reading it from its store
+// (ManagedObjectContext::decodingContext); outside such a read (an archive from a pasteboard, say)
+// `fallback` and its delegate's coordinator. Same lifetime rule as above.
+std::shared_ptr<StoreEnvironment> decodingEnvironment(const std::shared_ptr<StoreEnvironment>& fallback);
+PersistentStoreCoordinator* decodingPersistentStoreCoordinator(
+    const std::shared_ptr<StoreEnvironment>& fallback);
 
 // The ID for an object URI through the coordinator; nothing without a coordinator or when the URI
 // names no object of its stores.

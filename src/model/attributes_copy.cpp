@@ -12,9 +12,10 @@ namespace {
 
 constexpr std::string_view kEntityNameKey = "entityName";
 
-ManagedObjectContext* contextOf(const ManagedObject& object) {
+ContextHandle contextOf(const ManagedObject& object) {
   if (const auto* store = dynamic_cast<const StoreObject*>(&object)) return store->contextWithFallback();
-  return object.managedObjectContext();
+  ManagedObjectContext* context = object.managedObjectContext();
+  return context != nullptr ? context->handle() : ContextHandle();
 }
 
 // The store an object's ID names; nothing for temporary IDs and stores not open.
@@ -43,8 +44,8 @@ void copyAttributes(ManagedObject& receiver, const ManagedObject& source) {
 }
 
 std::shared_ptr<ManagedObject> attributesCopy(ManagedObject& receiver) {
-  ManagedObjectContext* context = contextOf(receiver);
-  if (context == nullptr) return nullptr;
+  const ContextHandle context = contextOf(receiver);
+  if (!context) return nullptr;
   SqliteStore* store = storeOfObject(receiver, *context);
   if (store == nullptr && receiver.objectID().isTemporaryID()) {
     if (auto environment = storeEnvironmentOf(receiver)) {
@@ -59,7 +60,7 @@ std::shared_ptr<ManagedObject> attributesCopy(ManagedObject& receiver) {
 
 Dictionary objectAsDictionary(ManagedObject& receiver) {
   if (receiver.hasChanges()) {
-    if (ManagedObjectContext* context = contextOf(receiver)) {
+    if (const ContextHandle context = contextOf(receiver)) {
       // A failed save leaves temporary IDs in the dictionary; the caller gets what there is.
       (void)context->save();
     }
@@ -97,8 +98,8 @@ void restoreObjectFromDictionary(ManagedObject& receiver, const Dictionary* dict
     setValueThroughAccessors(receiver, found->second, name);
   }
 
-  ManagedObjectContext* context = contextOf(receiver);
-  if (context == nullptr) return;
+  const ContextHandle context = contextOf(receiver);
+  if (!context) return;
   for (const auto& [name, relationship] : receiver.entity().relationshipsByName()) {
     auto found = dictionary->find(name);
     if (found == dictionary->end()) continue;

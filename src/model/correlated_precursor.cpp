@@ -9,6 +9,7 @@
 
 #include "foundation/keyed_archiver.h"
 #include "foundation/keyed_unarchiver.h"
+#include "foundation/number_text.h"
 #include "foundation/property_list.h"
 #include "foundation/string_utilities.h"
 #include "model/application_object.h"
@@ -304,11 +305,9 @@ class JsonReader {
            std::string_view("+-0123456789.eE").find(text_[pos_]) != std::string_view::npos)
       ++pos_;
     if (start == pos_) return bad();
-    const std::string digits(text_.substr(start, pos_ - start));
-    char* end = nullptr;
-    const double d = std::strtod(digits.c_str(), &end);
-    if (end != digits.c_str() + digits.size()) return bad();
-    return Value(d);
+    const auto d = parseDouble(text_.substr(start, pos_ - start));
+    if (!d) return bad();
+    return Value(*d);
   }
 
   std::string_view text_;
@@ -361,10 +360,10 @@ CorrelatedPrecursor::CorrelatedPrecursor(Blank, std::shared_ptr<StoreEnvironment
     : application_(std::move(application)) {}
 
 CodingClass CorrelatedPrecursor::codingClass(std::shared_ptr<StoreEnvironment> application) {
-  return CodingClass{
-      {std::string(kCorrelatedPrecursorClassName), "NSObject"}, [application] {
-        return ObjectPtr(std::shared_ptr<CorrelatedPrecursor>(new CorrelatedPrecursor(Blank{}, application)));
-      }};
+  return CodingClass{{std::string(kCorrelatedPrecursorClassName), "NSObject"}, [application] {
+                       return ObjectPtr(std::shared_ptr<CorrelatedPrecursor>(
+                           new CorrelatedPrecursor(Blank{}, decodingEnvironment(application))));
+                     }};
 }
 
 std::vector<std::string> CorrelatedPrecursor::classChain() const {
@@ -404,7 +403,7 @@ Status CorrelatedPrecursor::initWithCoder(KeyedUnarchiver& coder) {
   precursorListID_.reset();
   correlatedFragmentIDs_.clear();
   requiresIntensitiesUpdate_ = false;
-  const PersistentStoreCoordinator* coordinator = delegatePersistentStoreCoordinator(application_);
+  const PersistentStoreCoordinator* coordinator = decodingPersistentStoreCoordinator(application_);
 
   const Value id = coder.decodeObjectForKey(kId);
   if (!id.isUuid()) return fail(corruptArchiveError("a correlated precursor without an id"));

@@ -71,7 +71,8 @@ class CorrelatedPrecursor final : public Object, public Coding {
       std::span<const std::uint8_t> data, ContainerFormat format,
       std::shared_ptr<StoreEnvironment> application);
 
-  ManagedObjectContext* managedObjectContext() const { return context_.get(); }
+  // The context set, empty when none; held, the handle keeps it alive.
+  ContextHandle managedObjectContext() const { return context_.lock(); }
   void setManagedObjectContext(ManagedObjectContext* context) { context_ = context; }
   const std::shared_ptr<StoreEnvironment>& application() const { return application_; }
   void setApplication(std::shared_ptr<StoreEnvironment> application) {

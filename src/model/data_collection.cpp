@@ -5,8 +5,10 @@
 namespace tesselune {
 
 const std::shared_ptr<UndoManager>& DataCollection::undoManager() {
-  // UndoManager keeps every level; kLevelsOfUndo records the depth the collection asks for.
-  if (!undoManager_) undoManager_ = std::make_shared<UndoManager>();
+  if (!undoManager_) {
+    undoManager_ = std::make_shared<UndoManager>();
+    undoManager_->setLevelsOfUndo(kLevelsOfUndo);
+  }
   return undoManager_;
 }
 

@@ -17,7 +17,7 @@ namespace tesselune {
 
 class DataCollection : public StoreObject {
  public:
-  // The undo depth the collection's own undo manager is meant to keep.
+  // The undo depth of the collection's own undo manager.
   static constexpr int kLevelsOfUndo = 20;
 
   // The collection's own undo manager, made on first request and kept for the object's life.

@@ -108,7 +108,7 @@ void PeptideID::setMassDeviation(std::optional<float> deviation) {
   setValue(deviation ? Value(static_cast<double>(*deviation)) : Value(), kMassDeviation);
 }
 
-const Predicate& PeptideID::ionVolumeSearchPredicate() const {
+Predicate PeptideID::ionVolumeSearchPredicate() const {
   if (ionVolumeSearchPredicate_ && !isFault()) return *ionVolumeSearchPredicate_;
   ionVolumeSearchPredicate_ = Predicate::andPredicate({
       Predicate::comparison(Expression::keyPath("chromatogram"), ComparisonOperator::EqualTo,

@@ -194,8 +194,8 @@ class PeptideID : public StoreObject {
   void setMassDeviation(std::optional<float> deviation);
 
   // chromatogram == $chromatogram AND referenceObjectID == $referenceObjectID, cached until the
-  // object turns into a fault.
-  const Predicate& ionVolumeSearchPredicate() const;
+  // object turns into a fault. A copy: a later fault replaces the cache, never what was handed out.
+  Predicate ionVolumeSearchPredicate() const;
 
   // Parser state, each read announced to observers of its own key.
   bool readCharacters() const;

@@ -57,8 +57,11 @@ Value optionalID(const std::optional<ManagedObjectID>& id) {
 IonVolume::IonVolume(std::shared_ptr<StoreEnvironment> application) : application_(std::move(application)) {}
 
 CodingClass IonVolume::codingClass(std::shared_ptr<StoreEnvironment> application) {
-  return CodingClass{{std::string(kIonVolumeClassName), "NSObject"},
-                     [application] { return ObjectPtr(std::make_shared<IonVolume>(application)); }};
+  // Back references are held weakly (see relatedIonVolumes), so archives with cycles decode.
+  return CodingClass{
+      {std::string(kIonVolumeClassName), "NSObject"},
+      [application] { return ObjectPtr(std::make_shared<IonVolume>(decodingEnvironment(application))); },
+      /*allowsBackReferences=*/true};
 }
 
 std::vector<std::string> IonVolume::classChain() const {
@@ -72,7 +75,7 @@ Value IonVolume::valueForKey(std::string_view key) const {
   if (key == kQuantificationInfo) return quantificationInfo_;
   if (key == kObjectInfo) return objectInfo_;
   if (key == kObjectID) return objectID();
-  if (key == kRelatedIonVolumes) return Value(relatedIonVolumes_);
+  if (key == kRelatedIonVolumes) return Value(relatedIonVolumes());
   if (key == "normIonVolumeObjectID") return optionalID(normIonVolumeObjectID_);
   if (key == "ionVolumeGroupID") return optionalID(ionVolumeGroupID_);
   if (key == "referenceObjectID") return optionalID(referenceObjectID_);
@@ -91,14 +94,14 @@ void IonVolume::encodeWithCoder(KeyedArchiver& coder) const {
   } else if (!objectInfo_.isNull()) {
     coder.encodeObject(idsToURIs(objectInfo_), kObjectInfo);
   }
-  coder.encodeObject(Value(relatedIonVolumes_), kRelatedIonVolumes);
+  coder.encodeObject(Value(relatedIonVolumes()), kRelatedIonVolumes);
   encodeObjectID(coder, normIonVolumeObjectID_, kNormIonVolumeURI);
   encodeObjectID(coder, ionVolumeGroupID_, kIonVolumeGroupURI);
   encodeObjectID(coder, referenceObjectID_, kReferenceObjectURI);
 }
 
 Status IonVolume::initWithCoder(KeyedUnarchiver& coder) {
-  const PersistentStoreCoordinator* coordinator = delegatePersistentStoreCoordinator(application_);
+  const PersistentStoreCoordinator* coordinator = decodingPersistentStoreCoordinator(application_);
   acceptableQuality_ = coder.decodeObjectForKey(kAcceptableQuality);
   value_ = coder.decodeObjectForKey(kValue);
   typeOfQuantification_ = static_cast<std::uint64_t>(coder.decodeInt64ForKey(kTypeOfQuantification));
@@ -111,13 +114,10 @@ Status IonVolume::initWithCoder(KeyedUnarchiver& coder) {
   } else {
     objectInfo_ = urisToIDs(objectInfo_, coordinator);
   }
-  relatedIonVolumes_ = ValueSet();
   const Value related = coder.decodeObjectForKey(kRelatedIonVolumes);
-  if (related.isSet()) {
-    for (const Value& volume : related.asSet()) {
-      if (volume.asObjectOf<IonVolume>()) relatedIonVolumes_.insert(volume);
-    }
-  }
+  // A member still being decoded refers back up the archive: owning it would be a cycle.
+  assignRelated(related.isSet() ? related.asSet() : ValueSet(),
+                [&coder](const IonVolume& volume) { return coder.isBeingDecoded(&volume); });
   normIonVolumeObjectID_ = decodeObjectID(coder, coordinator, kNormIonVolumeURI);
   ionVolumeGroupID_ = decodeObjectID(coder, coordinator, kIonVolumeGroupURI);
   referenceObjectID_ = decodeObjectID(coder, coordinator, kReferenceObjectURI);
@@ -133,7 +133,7 @@ std::shared_ptr<IonVolume> IonVolume::copy() const {
   copy->normIonVolumeObjectID_ = normIonVolumeObjectID_;
   copy->normIonVolume_ = normIonVolume_;
   copy->objectInfo_ = objectInfo_;
-  copy->relatedIonVolumes_ = relatedIonVolumes_;
+  copy->related_ = related_;
   return copy;
 }
 
@@ -151,11 +151,44 @@ Value IonVolume::objectID() const {
   return objectInfo_;
 }
 
+ValueSet IonVolume::relatedIonVolumes() const {
+  ValueSet volumes;
+  for (const RelatedLink& link : related_) {
+    if (auto volume = link.get()) volumes.insert(Value(ObjectPtr(std::move(volume))));
+  }
+  return volumes;
+}
+
 void IonVolume::setRelatedIonVolumes(std::optional<ValueSet> volumes) {
   willChange(kRelatedIonVolumes);
-  relatedIonVolumes_ = volumes ? std::move(*volumes) : ValueSet();
+  assignRelated(volumes ? *volumes : ValueSet(), [](const IonVolume&) { return false; });
   didChange(kRelatedIonVolumes);
   signalInternalChange();
+}
+
+void IonVolume::assignRelated(const ValueSet& volumes,
+                              const std::function<bool(const IonVolume&)>& heldWeakly) {
+  related_.clear();
+  for (const Value& member : volumes) {
+    auto volume = member.asObjectOf<IonVolume>();
+    if (!volume) continue;
+    std::vector<const IonVolume*> visited;
+    if (heldWeakly(*volume) || volume->reachesStrongly(this, visited)) {
+      related_.push_back({nullptr, volume});
+    } else {
+      related_.push_back({volume, {}});
+    }
+  }
+}
+
+bool IonVolume::reachesStrongly(const IonVolume* target, std::vector<const IonVolume*>& visited) const {
+  if (this == target) return true;
+  if (std::find(visited.begin(), visited.end(), this) != visited.end()) return false;
+  visited.push_back(this);
+  for (const RelatedLink& link : related_) {
+    if (link.strong && link.strong->reachesStrongly(target, visited)) return true;
+  }
+  return false;
 }
 
 void IonVolume::setReferenceObjectID(std::optional<ManagedObjectID> id) {
@@ -174,21 +207,21 @@ void IonVolume::passOnGroupID(const std::optional<ManagedObjectID>& id,
                               std::vector<const IonVolume*>& visited) {
   if (std::find(visited.begin(), visited.end(), this) != visited.end()) return;
   visited.push_back(this);
-  for (const Value& member : relatedIonVolumes_) {
-    if (auto volume = member.asObjectOf<IonVolume>()) volume->passOnGroupID(id, visited);
+  for (const RelatedLink& link : related_) {
+    if (auto volume = link.get()) volume->passOnGroupID(id, visited);
   }
   ionVolumeGroupID_ = id;
 }
 
-ManagedObjectContext* IonVolume::managedObjectContext() const {
-  if (context_) return context_.get();
-  if (ManagedObjectContext* context = delegateManagedObjectContext(application_)) return context;
+ContextHandle IonVolume::managedObjectContext() const {
+  if (ContextHandle context = context_.lock()) return context;
+  if (ContextHandle context = delegateManagedObjectContext(application_)) return context;
   fatalError(
       "An ion volume has no managed object context: none was set and the application delegate has none.");
 }
 
 std::shared_ptr<IonVolumeGroup> IonVolume::ionVolumeGroup() const {
-  ManagedObjectContext* context = managedObjectContext();
+  const ContextHandle context = managedObjectContext();
   if (!ionVolumeGroupID_ || isEmptyObjectID(*ionVolumeGroupID_)) return nullptr;
   return existingObjectOfClass<IonVolumeGroup>(
       *context, *ionVolumeGroupID_,

@@ -10,8 +10,8 @@
 //   "quantificationInfo"            dictionary object (absent when unset)
 //   "objectInfo"                    any archivable object; an object ID in it, given directly or
 //                                   under "objectID" of a dictionary, is written as its URI
-//   "relatedIonVolumes"             NSSet of Tesselune.IonVolume (a cycle of related volumes
-//                                   cannot be decoded: the set holds its members strongly)
+//   "relatedIonVolumes"             NSSet of Tesselune.IonVolume; related volumes may refer to
+//                                   each other (the archive then holds a cycle)
 //   "normIonVolumeURI", "ionVolumeGroupURI", "referenceObjectURI"
 //                                   NSURL: the URI of the object ID, absent when there is none
 // Decoding resolves URIs through the application delegate's coordinator; a URI it cannot resolve
@@ -87,9 +87,15 @@ class IonVolume final : public Object, public Coding {
   // objectInfo's "objectID" when it is a dictionary, else objectInfo itself.
   Value objectID() const;
 
-  // A set of IonVolumes; never absent: setting nothing stores an empty set. Signals an internal
-  // change afterwards.
-  const ValueSet& relatedIonVolumes() const { return relatedIonVolumes_; }
+  // A set of IonVolumes; never absent: setting nothing stores an empty set, and members of other
+  // classes are dropped. Signals an internal change afterwards.
+  //
+  // Ownership: a related volume is held strongly unless the link would close a cycle of strong
+  // links (the volume already reaches this one, or is this one), and a link decoded back to a
+  // volume that is still being decoded is held weakly too. Something outside the cycle (the
+  // group's set, the caller) keeps such a cycle alive, and letting go of it frees the whole cycle.
+  // A weakly held volume that is gone no longer counts as a member.
+  ValueSet relatedIonVolumes() const;
   void setRelatedIonVolumes(std::optional<ValueSet> volumes);
   const std::optional<ManagedObjectID>& referenceObjectID() const { return referenceObjectID_; }
   // Signals an internal change afterwards.
@@ -99,10 +105,11 @@ class IonVolume final : public Object, public Coding {
   // ion volume is visited once, so related volumes that refer to each other do not loop.
   void setIonVolumeGroupID(std::optional<ManagedObjectID> id);
 
-  // The context set (_managedObjectContext), nullptr when none.
-  ManagedObjectContext* weakManagedObjectContext() const { return context_.get(); }
-  // The context set, else the delegate's; FatalError when there is neither.
-  ManagedObjectContext* managedObjectContext() const;
+  // The context set (_managedObjectContext), empty when none; held, the handle keeps it alive.
+  ContextHandle weakManagedObjectContext() const { return context_.lock(); }
+  // The context set, else the delegate's, as a handle that keeps it alive while held; FatalError
+  // when there is neither.
+  ContextHandle managedObjectContext() const;
   void setManagedObjectContext(ManagedObjectContext* context) { context_ = context; }
   const std::shared_ptr<StoreEnvironment>& application() const { return application_; }
 
@@ -128,6 +135,17 @@ class IonVolume final : public Object, public Coding {
   }
   void passOnGroupID(const std::optional<ManagedObjectID>& id, std::vector<const IonVolume*>& visited);
 
+  // One member of relatedIonVolumes: exactly one of the two pointers is set.
+  struct RelatedLink {
+    std::shared_ptr<IonVolume> strong;
+    std::weak_ptr<IonVolume> weak;
+    std::shared_ptr<IonVolume> get() const { return strong ? strong : weak.lock(); }
+  };
+  // Replaces the related volumes; `heldWeakly` tells which members must not be owned.
+  void assignRelated(const ValueSet& volumes, const std::function<bool(const IonVolume&)>& heldWeakly);
+  // Whether this volume reaches `target` through strong related links (itself included).
+  bool reachesStrongly(const IonVolume* target, std::vector<const IonVolume*>& visited) const;
+
   WeakContext context_;
   std::shared_ptr<StoreEnvironment> application_;
   Value acceptableQuality_;
@@ -137,7 +155,7 @@ class IonVolume final : public Object, public Coding {
   std::shared_ptr<IonVolume> normIonVolume_;
   Value quantificationInfo_;
   Value objectInfo_;
-  ValueSet relatedIonVolumes_;
+  std::vector<RelatedLink> related_;
   std::optional<ManagedObjectID> ionVolumeGroupID_;
   std::optional<ManagedObjectID> referenceObjectID_;
   ChangeObserver observer_;

@@ -62,10 +62,10 @@ MarkerFragment::MarkerFragment(double mzValue, ManagedObjectContext* context, Uu
 }
 
 CodingClass MarkerFragment::codingClass(std::shared_ptr<StoreEnvironment> application) {
-  return CodingClass{
-      {std::string(kMarkerFragmentClassName), "NSObject"}, [application] {
-        return ObjectPtr(std::shared_ptr<MarkerFragment>(new MarkerFragment(Blank{}, application)));
-      }};
+  return CodingClass{{std::string(kMarkerFragmentClassName), "NSObject"}, [application] {
+                       return ObjectPtr(std::shared_ptr<MarkerFragment>(
+                           new MarkerFragment(Blank{}, decodingEnvironment(application))));
+                     }};
 }
 
 std::vector<std::string> MarkerFragment::classChain() const {
@@ -105,7 +105,7 @@ void MarkerFragment::encodeWithCoder(KeyedArchiver& coder) const {
 Status MarkerFragment::initWithCoder(KeyedUnarchiver& coder) {
   context_ = WeakContext();
   correlationBasedTimes_.clear();
-  const PersistentStoreCoordinator* coordinator = delegatePersistentStoreCoordinator(application_);
+  const PersistentStoreCoordinator* coordinator = decodingPersistentStoreCoordinator(application_);
   if (coordinator == nullptr)
     return fail(corruptArchiveError("a marker fragment without a store coordinator"));
 
@@ -135,7 +135,8 @@ Status MarkerFragment::initWithCoder(KeyedUnarchiver& coder) {
 }
 
 std::shared_ptr<MarkerFragment> MarkerFragment::exactCopy() const {
-  auto copy = std::make_shared<MarkerFragment>(mzValue_, managedObjectContext(), id_, groupID_, application_);
+  auto copy =
+      std::make_shared<MarkerFragment>(mzValue_, managedObjectContext().get(), id_, groupID_, application_);
   copy->correlationBasedTimes_ = correlationBasedTimes_;
   return copy;
 }
@@ -145,15 +146,15 @@ void MarkerFragment::setMzValue(double mzValue) {
   refreshMarkerFragmentGroup();
 }
 
-ManagedObjectContext* MarkerFragment::managedObjectContext() const {
-  if (context_) return context_.get();
-  if (ManagedObjectContext* context = delegateManagedObjectContext(application_)) return context;
+ContextHandle MarkerFragment::managedObjectContext() const {
+  if (ContextHandle context = context_.lock()) return context;
+  if (ContextHandle context = delegateManagedObjectContext(application_)) return context;
   fatalError(
       "A marker fragment has no managed object context: none was set and the application delegate has none.");
 }
 
 std::shared_ptr<MarkerFragmentGroup> MarkerFragment::markerFragmentGroup() const {
-  ManagedObjectContext* context = managedObjectContext();
+  const ContextHandle context = managedObjectContext();
   if (isEmptyObjectID(groupID_)) return nullptr;
   return existingObjectOfClass<MarkerFragmentGroup>(
       *context, groupID_,

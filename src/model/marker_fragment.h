@@ -72,8 +72,9 @@ class MarkerFragment final : public Object, public Coding {
   const Array& correlationBasedTimesInChromatograms() const { return correlationBasedTimes_; }
   void setCorrelationBasedTimesInChromatograms(Array entries) { correlationBasedTimes_ = std::move(entries); }
 
-  // The context set, else the delegate's; FatalError when there is neither.
-  ManagedObjectContext* managedObjectContext() const;
+  // The context set, else the delegate's, as a handle that keeps it alive while held; FatalError
+  // when there is neither.
+  ContextHandle managedObjectContext() const;
   void setManagedObjectContext(ManagedObjectContext* context) { context_ = context; }
   const std::shared_ptr<StoreEnvironment>& application() const { return application_; }
   void setApplication(std::shared_ptr<StoreEnvironment> application) {

@@ -38,7 +38,7 @@ std::optional<ValueSet> MarkerFragmentGroup::markerFragments() const {
 void MarkerFragmentGroup::setMarkerFragments(std::optional<ValueSet> fragments) {
   willChangeValueForKey(kMarkerFragments);
   if (!fragments) {
-    setPrimitiveValue(Value(), kMarkerFragments);
+    setPrimitiveValue(Value(), storedFragmentsKey());
     didChangeValueForKey(kMarkerFragments);
     return;
   }
@@ -52,7 +52,7 @@ void MarkerFragmentGroup::setMarkerFragments(std::optional<ValueSet> fragments) 
       if (!fragment->application()) fragment->setApplication(environment());
     }
   }
-  setPrimitiveValue(Value(std::move(*fragments)), kMarkerFragments);
+  setPrimitiveValue(Value(std::move(*fragments)), storedFragmentsKey());
   didChangeValueForKey(kMarkerFragments);
 }
 
@@ -87,9 +87,10 @@ std::shared_ptr<MarkerFragmentGroup> MarkerFragmentGroup::initWithPasteboardProp
   if (!unarchiver) return nullptr;
   const Value root = (*unarchiver)->decodeObjectForKey("root");
   if (!root.isUrl()) return nullptr;
+  // The handle keeps the delegate, and with it the coordinator, alive while the paste runs.
+  const ContextHandle context = delegateManagedObjectContext(application);
   PersistentStoreCoordinator* coordinator = delegatePersistentStoreCoordinator(application);
-  ManagedObjectContext* context = delegateManagedObjectContext(application);
-  if (coordinator == nullptr || context == nullptr) return nullptr;
+  if (coordinator == nullptr || !context) return nullptr;
   auto id = coordinator->managedObjectIDForURIRepresentation(root.asUrl());
   if (!id) return nullptr;
   std::shared_ptr<MarkerFragmentGroup> copy;

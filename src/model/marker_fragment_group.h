@@ -3,9 +3,10 @@
 // MarkerFragments in a single stored attribute, and assigning the set links every fragment back to
 // the group (its context and the group's permanent ID).
 //
-// The set is written under the key "markerFragments" and read under "MarkerFragments"; the store
-// model's attribute is found under the reading key when it has that name, else under the writing
-// key, so the pairing holds for either spelling of the model.
+// The set lives in the model's attribute "MarkerFragments" when the entity has one, else in
+// "markerFragments" (the store model's spelling); reading and writing both use that one attribute,
+// so what is written reads back under either spelling. Change and access notifications are always
+// sent for "markerFragments", the key the group's users observe.
 //
 // Like every managed object it belongs to its context and is used on that context's thread.
 #pragma once

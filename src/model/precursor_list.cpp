@@ -130,15 +130,18 @@ std::shared_ptr<PrecursorListGroup> PrecursorListGroup::initWithPasteboardProper
   if (!unarchiver) return nullptr;
   const Value root = (*unarchiver)->decodeObjectForKey("root");
   if (!root.isUrl()) return nullptr;
+  // The handle keeps the delegate, and with it the coordinator, alive while the paste runs.
+  const ContextHandle context = delegateManagedObjectContext(application);
   PersistentStoreCoordinator* coordinator = delegatePersistentStoreCoordinator(application);
-  ManagedObjectContext* context = delegateManagedObjectContext(application);
-  if (coordinator == nullptr || context == nullptr) return nullptr;
+  if (coordinator == nullptr || !context) return nullptr;
   auto id = coordinator->managedObjectIDForURIRepresentation(root.asUrl());
   if (!id) return nullptr;
   std::shared_ptr<PrecursorListGroup> copy;
   context->performBlockAndWait([&] {
     auto source = context->existingObjectWithID(*id);
-    if (!source) return;
+    // The source's class is the class of its entity's new objects: checking it before inserting
+    // keeps a failed paste from leaving an object behind for the next save.
+    if (!source || !std::dynamic_pointer_cast<PrecursorListGroup>(*source)) return;
     copy = std::dynamic_pointer_cast<PrecursorListGroup>(
         context->insertNewObjectForEntityForName((*source)->entity().name()));
     if (copy) copyAttributes(*copy, **source);
@@ -195,7 +198,7 @@ void PrecursorList::setCorrelatedPrecursors(std::optional<CorrelatedPrecursors> 
     precursor->setPrecursorListID(id);
     if (!precursor->application()) precursor->setApplication(environment());
     if (id.isTemporaryID()) {
-      if (ManagedObjectContext* main = delegateManagedObjectContext(environment())) {
+      if (const ContextHandle main = delegateManagedObjectContext(environment())) {
         main->performBlockAndWait([&] {
           auto list = main->objectWithID(id);
           (void)main->obtainPermanentIDsForObjects({list});

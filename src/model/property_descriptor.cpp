@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "foundation/number_text.h"
 #include "model/store_object.h"
 
 namespace tesselune {
@@ -62,8 +63,7 @@ bool objectBoolValue(const Value& value) {
 double objectDoubleValue(const Value& value) {
   if (value.isNumber()) return value.doubleValue();
   if (!value.isString()) return 0;
-  const std::string text(skipBlanks(value.asString()));
-  return std::strtod(text.c_str(), nullptr);
+  return leadingDoubleValue(skipBlanks(value.asString()));
 }
 
 PropertyDescriptor::PropertyDescriptor() {

@@ -114,8 +114,11 @@ std::optional<std::filesystem::path> executableFolder() {
 void registerStoreClasses(ManagedObjectClassRegistry& registry,
                           std::shared_ptr<StoreEnvironment> environment) {
   registerStoreValueTransformers();
-  // The archived value objects written by the main application under its Swift class names; the
-  // process-wide mapping, so the last environment registered is the one decoded objects know.
+  // The archived value objects written by the main application under their Swift class names. The
+  // mapping is process-wide, but objects decoded while a context reads its store get that store's
+  // environment and coordinator (found through the registry's user info); only archives decoded
+  // outside any store read fall back on the environment registered last.
+  registry.setUserInfo(environment);
   ClassRegistry& archiveClasses = ClassRegistry::shared();
   archiveClasses.setClass(kMarkerFragmentClassName, MarkerFragment::codingClass(environment));
   archiveClasses.setClass(kIonVolumeClassName, IonVolume::codingClass(environment));

@@ -123,11 +123,13 @@ std::optional<Bytes> StoreObject::dataForKey(std::string_view key) const {
   return value.asData();
 }
 
-ManagedObjectContext* StoreObject::contextWithFallback() const {
-  if (ManagedObjectContext* context = managedObjectContext()) return context;
-  if (!environment_) return nullptr;
+ContextHandle StoreObject::contextWithFallback() const {
+  if (ManagedObjectContext* context = managedObjectContext()) return context->handle();
+  if (!environment_) return {};
   auto delegate = environment_->applicationDelegate();
-  return delegate ? delegate->managedObjectContext() : nullptr;
+  if (!delegate || delegate->managedObjectContext() == nullptr) return {};
+  ManagedObjectContext* context = delegate->managedObjectContext();
+  return ContextHandle(context, std::move(delegate));
 }
 
 std::int64_t StoreObject::numberOfCascadingRelationships() const {

@@ -73,9 +73,9 @@ class StoreObject : public ManagedObject {
   // hand every other key on. (ManagedObject::setValue itself never reaches a subclass's setter.)
   virtual void setValueForKey(Value value, std::string_view key) { setValue(std::move(value), key); }
 
-  // The object's context, or the application delegate's when the object has none; nullptr when
-  // neither exists.
-  ManagedObjectContext* contextWithFallback() const;
+  // The object's context, or the application delegate's when the object has none, as a handle that
+  // keeps it alive while held; empty when neither exists.
+  ContextHandle contextWithFallback() const;
 
   // The deletion protocol. Each call runs on the object's context thread (inside its
   // performBlockAndWait); the reporter is optional and borrowed for the call. Failures never come

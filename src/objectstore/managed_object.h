@@ -10,6 +10,7 @@
 // reset or goes away, so graphs with inverses do not leak.
 #pragma once
 
+#include <any>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -146,9 +147,15 @@ class ManagedObjectClassRegistry {
   std::shared_ptr<ManagedObject> makeObject(const EntityDescription& entity) const;
   bool hasClass(std::string_view className) const { return factories_.contains(std::string(className)); }
 
+  // What the classes' objects share beyond their context (the program's own state); carried here so
+  // that whoever holds a coordinator can reach it. Opaque to this layer.
+  void setUserInfo(std::any info) { userInfo_ = std::move(info); }
+  const std::any& userInfo() const { return userInfo_; }
+
  private:
   std::unordered_map<std::string, Factory> factories_;
   Factory default_;
+  std::any userInfo_;
 };
 
 }  // namespace tesselune

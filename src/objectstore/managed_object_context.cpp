@@ -17,6 +17,22 @@ namespace tesselune {
 
 namespace {
 
+thread_local ManagedObjectContext* tDecodingContext = nullptr;
+
+// Marks the calling thread as reading rows for a context; nests.
+class DecodingScope {
+ public:
+  explicit DecodingScope(ManagedObjectContext* context) : previous_(tDecodingContext) {
+    tDecodingContext = context;
+  }
+  ~DecodingScope() { tDecodingContext = previous_; }
+  DecodingScope(const DecodingScope&) = delete;
+  DecodingScope& operator=(const DecodingScope&) = delete;
+
+ private:
+  ManagedObjectContext* previous_;
+};
+
 std::unordered_map<std::string, int> columnIndexes(const Statement& statement) {
   std::unordered_map<std::string, int> indexes;
   for (int i = 0; i < statement.columnCount(); ++i) indexes.emplace(statement.columnName(i), i);
@@ -52,7 +68,9 @@ Value valueForKeyPath(const Value& object, const std::string& path) {
 
 }  // namespace
 
-ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType type) : type_(type) {
+ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType type)
+    : type_(type), lifetime_(std::make_shared<Lifetime>()) {
+  lifetime_->context = this;
   if (type_ == ManagedObjectContextConcurrencyType::PrivateQueue) {
     queue_ = std::make_unique<OperationQueue>();
     queue_->setMaxConcurrentOperationCount(1);
@@ -61,6 +79,16 @@ ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType t
 }
 
 ManagedObjectContext::~ManagedObjectContext() {
+  {
+    // No new leases; wait for those of other threads (this thread's own cannot be waited for).
+    std::unique_lock lock(lifetime_->mutex);
+    lifetime_->closing = true;
+    const std::thread::id self = std::this_thread::get_id();
+    lifetime_->released.wait(lock, [&] {
+      return std::all_of(lifetime_->users.begin(), lifetime_->users.end(),
+                         [&](std::thread::id user) { return user == self; });
+    });
+  }
   queue_.reset();  // runs or cancels the blocks still queued
   std::lock_guard lock(mutex_);
   for (auto& [id, object] : registered_) object->detach();
@@ -120,6 +148,35 @@ std::shared_ptr<ManagedObject> ManagedObjectContext::objectWithID(const ManagedO
   return registerObject(id.entity(), id);
 }
 
+ContextHandle ManagedObjectContext::handle() const {
+  return lease(lifetime_);
+}
+
+ContextHandle ManagedObjectContext::lease(const std::shared_ptr<Lifetime>& lifetime) {
+  if (!lifetime) return {};
+  struct Lease {
+    std::shared_ptr<Lifetime> lifetime;
+    std::thread::id thread = std::this_thread::get_id();
+    ~Lease() {
+      if (!lifetime) return;
+      std::lock_guard lock(lifetime->mutex);
+      auto& users = lifetime->users;
+      users.erase(std::find(users.begin(), users.end(), thread));
+      lifetime->released.notify_all();
+    }
+  };
+  std::lock_guard lock(lifetime->mutex);
+  if (lifetime->closing) return {};
+  auto lease = std::make_shared<Lease>();
+  lease->lifetime = lifetime;
+  lifetime->users.push_back(lease->thread);
+  return ContextHandle(lifetime->context, std::move(lease));
+}
+
+ManagedObjectContext* ManagedObjectContext::decodingContext() {
+  return tDecodingContext;
+}
+
 std::shared_ptr<ManagedObject> ManagedObjectContext::objectRegisteredForID(const ManagedObjectID& id) const {
   std::lock_guard lock(mutex_);
   auto found = registered_.find(id);
@@ -148,6 +205,7 @@ void ManagedObjectContext::fillFromRow(SqliteStore& store, ManagedObject& object
                                        std::map<std::string, Value, std::less<>>& committed,
                                        const std::set<std::string, std::less<>>& changed) {
   ManagedObjectContext& context = *this;
+  const DecodingScope decoding(this);
   const StoreSchema& schema = store.schema();
   for (const auto& [name, property] : object.entity().propertiesByName()) {
     if (property->isTransient()) continue;

@@ -9,11 +9,13 @@
 // objects.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -56,6 +58,35 @@ struct BatchDeleteRequest {
   }
 };
 
+class ManagedObjectContext;
+
+// A context in use. While a handle taken from the context itself (handle(), WeakContext::lock())
+// is alive, the context's destructor waits for its release when it runs on another thread, so the
+// pointer stays good for the whole use; a handle may instead own what owns the context (a
+// delegate). Empty when there was no context to hand out. Hold one for the span of a use, never
+// while waiting for the thread that owns the context (that thread would wait for the handle).
+// Copyable; a copy keeps the context alive as long as the original.
+class ContextHandle {
+ public:
+  ContextHandle() = default;
+  // `keepAlive` keeps `context` alive: a lease or the context's owner.
+  ContextHandle(ManagedObjectContext* context, std::shared_ptr<const void> keepAlive)
+      : context_(context), keepAlive_(std::move(keepAlive)) {}
+
+  ManagedObjectContext* get() const { return context_; }
+  ManagedObjectContext* operator->() const { return context_; }
+  ManagedObjectContext& operator*() const { return *context_; }
+  explicit operator bool() const { return context_ != nullptr; }
+  friend bool operator==(const ContextHandle& handle, const ManagedObjectContext* context) {
+    return handle.context_ == context;
+  }
+  friend bool operator==(const ContextHandle& a, const ContextHandle& b) { return a.context_ == b.context_; }
+
+ private:
+  ManagedObjectContext* context_ = nullptr;
+  std::shared_ptr<const void> keepAlive_;
+};
+
 class ManagedObjectContext {
  public:
   explicit ManagedObjectContext(ManagedObjectContextConcurrencyType type);
@@ -70,8 +101,12 @@ class ManagedObjectContext {
   void setUndoManager(std::shared_ptr<UndoManager> undoManager) { undoManager_ = std::move(undoManager); }
   MergePolicyType mergePolicy() const { return mergePolicy_; }
   void setMergePolicy(MergePolicyType policy) { mergePolicy_ = policy; }
-  // Expires when the context is destroyed: what weak references to a context hold (WeakContext).
-  std::weak_ptr<const void> lifetimeToken() const { return lifetime_; }
+  // The context whose stored rows are being read on the calling thread, while values of their
+  // transformable attributes decode: archived objects decoding then belong to its coordinator's
+  // stores. nullptr outside such a read.
+  static ManagedObjectContext* decodingContext();
+  // A lease on this context (see ContextHandle); empty once its destruction has begun.
+  ContextHandle handle() const;
 
   void performBlockAndWait(const std::function<void()>& block);
   void performBlock(std::function<void()> block);
@@ -149,24 +184,38 @@ class ManagedObjectContext {
   std::unique_ptr<OperationQueue> queue_;  // private-queue contexts
   std::unordered_map<ManagedObjectID, std::shared_ptr<ManagedObject>> registered_;
   std::unordered_map<const ManagedObject*, SqliteStore*> assigned_;
-  std::shared_ptr<const void> lifetime_ = std::make_shared<int>(0);
+
+ public:
+  // What outlives the context for its handles and weak references: whether it is being destroyed,
+  // and which threads hold leases on it.
+  struct Lifetime {
+    ManagedObjectContext* context = nullptr;
+    std::mutex mutex;
+    std::condition_variable released;
+    bool closing = false;
+    std::vector<std::thread::id> users;  // one entry per live lease, the thread that took it
+  };
+  static ContextHandle lease(const std::shared_ptr<Lifetime>& lifetime);
+
+ private:
+  friend class WeakContext;
+  std::shared_ptr<Lifetime> lifetime_;
 };
 
-// A weak reference to a context, as value objects keep the context they resolve IDs in: get()
-// answers null once the context is gone. Copyable. As with any weak reference, the context's owner
-// must not destroy it while another thread is inside get()'s result.
+// A weak reference to a context, as value objects keep the context they resolve IDs in. lock()
+// answers a handle that keeps the context alive while in use, or an empty one once the context is
+// gone or going. Copyable; any thread.
 class WeakContext {
  public:
   WeakContext() = default;
-  WeakContext(ManagedObjectContext* context)  // NOLINT: stands for the pointer it wraps
-      : context_(context),
-        token_(context != nullptr ? context->lifetimeToken() : std::weak_ptr<const void>()) {}
-  ManagedObjectContext* get() const { return token_.expired() ? nullptr : context_; }
-  explicit operator bool() const { return get() != nullptr; }
+  WeakContext(const ManagedObjectContext* context)  // NOLINT: stands for the pointer it wraps
+      : lifetime_(context != nullptr ? context->lifetime_ : nullptr) {}
+  ContextHandle lock() const { return ManagedObjectContext::lease(lifetime_.lock()); }
+  // Whether a context was set that has not begun its destruction (it may right after).
+  explicit operator bool() const { return static_cast<bool>(lock()); }
 
  private:
-  ManagedObjectContext* context_ = nullptr;
-  std::weak_ptr<const void> token_;
+  std::weak_ptr<ManagedObjectContext::Lifetime> lifetime_;
 };
 
 }  // namespace tesselune

@@ -5,6 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
+#include "decimal_comma_locale.h"
+#include "foundation/number_text.h"
+
 namespace tesselune {
 namespace {
 
@@ -94,8 +99,17 @@ TEST(Predicate, EvaluatesByKeyPathOnDictionariesAndObjects) {
   EXPECT_TRUE(evaluate("d > %@", dict, {Date{9}}));
   EXPECT_TRUE(evaluate("s ==[d] 'Cafe' AND s ==[cd] 'CAFE' AND NOT s == 'Cafe'", dict));
   // Bytes that are not UTF-8 are compared as they are, not read as letters.
-  EXPECT_TRUE(evaluate("s ==[cd] %@", Value::dictionary({{"s", "\xC3" "A"}}), {"\xC3" "a"}));
-  EXPECT_FALSE(evaluate("s ==[cd] %@", Value::dictionary({{"s", "\xC3" "A"}}), {"a"}));
+  EXPECT_TRUE(evaluate("s ==[cd] %@",
+                       Value::dictionary({{"s",
+                                           "\xC3"
+                                           "A"}}),
+                       {"\xC3"
+                        "a"}));
+  EXPECT_FALSE(evaluate("s ==[cd] %@",
+                        Value::dictionary({{"s",
+                                            "\xC3"
+                                            "A"}}),
+                        {"a"}));
   EXPECT_TRUE(evaluate("TRUEPREDICATE", dict));
   EXPECT_FALSE(evaluate("FALSEPREDICATE OR n == 3", dict));
 }
@@ -155,6 +169,34 @@ TEST(Predicate, RejectsDeepNestingCleanly) {
   const std::string nots = std::string(100000, '!') + "a == 1";
   EXPECT_FALSE(predicateWithFormat(nots));
   EXPECT_TRUE(predicateWithFormat(std::string(50, '(') + "a == 1" + std::string(50, ')')));
+}
+
+// Numbers in text read the same whatever the user's locale: a Qt application puts a decimal-comma
+// locale in force for the C library.
+TEST(NumbersInText, ReadWithAPointUnderADecimalCommaLocale) {
+  test::DecimalCommaLocale locale;
+  ASSERT_TRUE(locale.active()) << "no decimal-comma locale could be put in force";
+
+  EXPECT_EQ(parseDouble("2.5"), 2.5);
+  EXPECT_EQ(parseDouble("-1.25e-3"), -1.25e-3);
+  EXPECT_EQ(parseDouble("17"), 17.0);
+  for (std::string_view bad : {"2,5", "+2.5", " 2.5", "2.5 ", "", "inf", "nan", "1e999", "0x10"}) {
+    EXPECT_FALSE(parseDouble(bad)) << bad;
+  }
+
+  EXPECT_EQ(leadingDoubleValue("  2.5 mg"), 2.5);
+  EXPECT_EQ(leadingDoubleValue("+.5"), 0.5);
+  EXPECT_EQ(leadingDoubleValue("-3.75e2x"), -375.0);
+  EXPECT_EQ(leadingDoubleValue("2,5"), 2.0);
+  EXPECT_EQ(leadingDoubleValue("inf"), 0.0);
+  EXPECT_EQ(leadingDoubleValue("none"), 0.0);
+  EXPECT_TRUE(std::isinf(leadingDoubleValue("-1e999")) && leadingDoubleValue("-1e999") < 0);
+  EXPECT_EQ(leadingDoubleValue("1e-999"), 0.0);
+
+  const Predicate p = parse("mz > 2.5 AND mz < 1.5e3");
+  EXPECT_TRUE(p.evaluateWithObject(Value::dictionary({{"mz", Value(2.75)}})));
+  EXPECT_FALSE(p.evaluateWithObject(Value::dictionary({{"mz", Value(2.25)}})));
+  EXPECT_FALSE(predicateWithFormat("mz > 1e999", {}));
 }
 
 }  // namespace

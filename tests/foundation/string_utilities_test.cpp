@@ -51,6 +51,20 @@ TEST(StringUtilities, CapitalisesOnlyTheFirstLetter) {
   EXPECT_EQ(capitalizedFirstLetter("λόγος"), "Λόγος");
   EXPECT_EQ(capitalizedFirstLetter("жук"), "Жук");
   EXPECT_EQ(capitalizedFirstLetter("1abc"), "1abc");
+
+  // Letters beyond a few hand-made ranges: Greek with tonos, Vietnamese, Armenian, full-width
+  // Latin, Latin Extended-B, long s, a title-case digraph, a letter outside the basic plane and
+  // one with a combining mark.
+  EXPECT_EQ(capitalizedFirstLetter("άλφα"), "Άλφα");
+  EXPECT_EQ(capitalizedFirstLetter("ώρα"), "Ώρα");
+  EXPECT_EQ(capitalizedFirstLetter("ệt"), "Ệt");
+  EXPECT_EQ(capitalizedFirstLetter("արեւ"), "Արեւ");
+  EXPECT_EQ(capitalizedFirstLetter("ａｂｃ"), "Ａｂｃ");
+  EXPECT_EQ(capitalizedFirstLetter("ƀx"), "Ƀx");
+  EXPECT_EQ(capitalizedFirstLetter("ſun"), "Sun");
+  EXPECT_EQ(capitalizedFirstLetter("ǆ"), "ǅ");
+  EXPECT_EQ(capitalizedFirstLetter("𐐨𐐨"), "𐐀𐐨");
+  EXPECT_EQ(capitalizedFirstLetter("e\u0301lan"), "E\u0301lan");
 }
 
 TEST(StringUtilities, ReversesByUtf16Unit) {

@@ -10,6 +10,7 @@
 #include <QDialog>
 #include <QDir>
 #include <QImage>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QMessageBox>
 #include <QProgressBar>
@@ -228,6 +229,43 @@ TEST_F(ProgressWindowTest, SheetsEndThroughCloseWindowWithReturnCodeZero) {
   EXPECT_EQ(returned, 0);
   EXPECT_FALSE(manager->isSheet());
   EXPECT_FALSE(manager->window()->isVisible());
+}
+
+// Closing the window in any way leaves the work running; only Escape cancels it.
+TEST_F(ProgressWindowTest, OnlyEscapeCancelsClosingNeverDoes) {
+  int cancels = 0;
+  auto manager = ProgressWindowManager::create();
+  manager->setCancellationHandler([&] { ++cancels; });
+  auto reopen = [&] {
+    manager->showWindow();
+    pumpIdle(manager);
+    manager->window()->show();
+    ASSERT_TRUE(manager->window()->isVisible());
+  };
+
+  reopen();
+  manager->window()->findChild<QPushButton*>("okButton")->click();
+  EXPECT_FALSE(manager->window()->isVisible());
+  reopen();
+  manager->closeWindow();
+  EXPECT_FALSE(manager->window()->isVisible());
+  reopen();
+  manager->window()->close();  // the title bar's close box
+  QWidget parent;
+  parent.show();
+  manager->beginSheetModalForWindow(&parent, nullptr);
+  manager->endSheet();
+  EXPECT_FALSE(manager->isSheet());
+  EXPECT_EQ(cancels, 0);
+  EXPECT_FALSE(manager->progressReporter().isCancelled());
+
+  reopen();
+  QWidget* target =
+      manager->window()->focusWidget() != nullptr ? manager->window()->focusWidget() : manager->window();
+  QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
+  QApplication::sendEvent(target, &escape);
+  EXPECT_EQ(cancels, 1);
+  EXPECT_TRUE(manager->progressReporter().isCancelled());
 }
 
 TEST_F(ProgressWindowTest, VisibilityFollowsTheKeyPathAndQueuedUpdatesOutliveNobody) {

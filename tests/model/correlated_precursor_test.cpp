@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "decimal_comma_locale.h"
 #include "foundation/keyed_archiver.h"
 #include "foundation/keyed_unarchiver.h"
 #include "foundation/property_list.h"
@@ -246,7 +247,20 @@ TEST_F(CorrelatedPrecursors, ContainerRoundTripsInBothFormats) {
   EXPECT_TRUE((*decoded)->requiresIntensitiesUpdate());
 }
 
-TEST_F(CorrelatedPrecursors, ContainerDecodingFailsWithTheStatedErrors) {
+TEST_F(CorrelatedPrecursors, JsonContainersDecodeUnderADecimalCommaLocale) {
+  test::DecimalCommaLocale locale;
+  ASSERT_TRUE(locale.active());
+  auto json = ours()->encodeToContainer(ContainerFormat::Json);
+  ASSERT_TRUE(json);
+  EXPECT_NE(std::string(json->begin(), json->end()).find("\"precursorMZ\":412.2371"), std::string::npos);
+  auto back = CorrelatedPrecursor::decodeFromContainer(*json, ContainerFormat::Json, store_.environment);
+  ASSERT_TRUE(back) << back.error().debugDescription();
+  EXPECT_EQ((*back)->precursorMZ(), 412.2371);
+  EXPECT_EQ((*back)->curveDistance(), 0.0123);
+  EXPECT_EQ((*back)->precursorIntensity(), 1.5e6);
+}
+
+TEST_F(CorrelatedPrecursors, ContainerDecodingFailuresCarryCoderOrUnresolvedLinkCodes) {
   auto base = [&] {
     return Dictionary{
         {"id", Value(kId.string())},

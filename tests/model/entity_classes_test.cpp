@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <type_traits>
+#include <utility>
 
 #include "foundation/attributed_string.h"
 #include "model/chromatogram.h"
@@ -253,10 +255,14 @@ TEST_F(EntityClasses, MassDeviationFollowsItsFormulaOnceAndIsThenCached) {
   EXPECT_TRUE((*again)->primitiveValueForKey("massDeviation").isNull());
 }
 
-TEST_F(EntityClasses, IonVolumeSearchPredicateIsBuiltOnceAndSubstituted) {
+TEST_F(EntityClasses, IonVolumeSearchPredicateIsACopyThatOutlivesAFault) {
+  static_assert(!std::is_reference_v<decltype(std::declval<PeptideID&>().ionVolumeSearchPredicate())>,
+                "a reference into the cache would change under its holder when a fault rebuilds it");
   auto peptide = test::insertAs<PeptideID>(store_, "PeptideID");
-  const Predicate& predicate = peptide->ionVolumeSearchPredicate();
-  EXPECT_EQ(&predicate, &peptide->ionVolumeSearchPredicate());
+  const Predicate predicate = peptide->ionVolumeSearchPredicate();
+  ASSERT_TRUE(store_.context().save());
+  store_.context().refreshObject(peptide, false);  // a fault: the cache is built anew
+  EXPECT_EQ(peptide->ionVolumeSearchPredicate().predicateFormat(), predicate.predicateFormat());
   EXPECT_EQ(predicate.predicateFormat(),
             "chromatogram == $chromatogram AND referenceObjectID == $referenceObjectID");
   auto bound = predicate.predicateWithSubstitutionVariables(
@@ -369,6 +375,21 @@ TEST_F(EntityClasses, DataCollectionKeepsOneUndoManager) {
   ASSERT_TRUE(undo);
   EXPECT_EQ(collection->undoManager(), undo);
   EXPECT_NE(undo, store_.context().undoManager());
+
+  // Twenty levels: the oldest changes fall off, undo and redo alike.
+  std::vector<int> undone;
+  for (int change = 1; change <= 25; ++change) {
+    undo->registerUndo([&undone, &undo, change] {
+      undone.push_back(change);
+      undo->registerUndo([] {});
+    });
+  }
+  while (undo->canUndo()) undo->undo();
+  ASSERT_EQ(undone.size(), 20u);
+  EXPECT_EQ(undone.front(), 25);
+  EXPECT_EQ(undone.back(), 6);
+  EXPECT_EQ(undo->redoCount(), 20u);
+
   // The view controllers are held weakly.
   auto controller = std::make_shared<AttributedString>();
   collection->setGraphicViewController(controller);

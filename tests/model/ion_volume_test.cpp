@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <thread>
+
 #include "foundation/keyed_unarchiver.h"
 #include "mac_archive.h"
 #include "model/application_object.h"
@@ -118,7 +121,68 @@ TEST_F(IonVolumes, TheGroupIDReachesRelatedVolumesAndTheirs) {
   auto other = test::insertAs<IonVolumeGroup>(store_, "IonVolumeGroup");
   b->setIonVolumeGroup(other);
   for (const auto& v : {a, b, c}) EXPECT_EQ(v->ionVolumeGroupID(), other->objectID());
-  c->setRelatedIonVolumes(ValueSet{});  // break the cycle of strong references
+
+  // The link that closed the cycle does not own: letting go of the head frees all three.
+  EXPECT_EQ(c->relatedIonVolumes(), (ValueSet{Value(a)}));
+  std::weak_ptr<IonVolume> weakA = a, weakB = b, weakC = c;
+  a = b = c = nullptr;
+  EXPECT_TRUE(weakA.expired());
+  EXPECT_TRUE(weakB.expired());
+  EXPECT_TRUE(weakC.expired());
+}
+
+TEST_F(IonVolumes, RelatedVolumesThatReferToEachOtherSurviveASaveAndAreFreed) {
+  auto group = test::insertAs<IonVolumeGroup>(store_, "IonVolumeGroup");
+  auto a = volume(1), b = volume(2), lone = volume(3);
+  a->setRelatedIonVolumes(ValueSet{Value(b)});
+  b->setRelatedIonVolumes(ValueSet{Value(a), Value(b)});  // itself too
+  a->setIonVolumeGroup(group);
+  group->setIonVolumes(ValueSet{Value(a), Value(b), Value(lone)});
+  ASSERT_TRUE(store_.context().save());
+  const ManagedObjectID groupID = group->objectID();
+  group = nullptr;
+  a = b = lone = nullptr;
+  store_ = {};
+
+  store_ = test::openStore(path_);
+  std::vector<std::weak_ptr<IonVolume>> decoded;
+  {
+    auto reread = std::dynamic_pointer_cast<IonVolumeGroup>(*store_.context().existingObjectWithID(groupID));
+    ASSERT_TRUE(reread);
+    auto volumes = reread->ionVolumes();
+    ASSERT_TRUE(volumes);
+    ASSERT_EQ(volumes->size(), 3u);
+    std::map<double, std::shared_ptr<IonVolume>> byValue;
+    for (const Value& member : *volumes) {
+      auto v = member.asObjectOf<IonVolume>();
+      ASSERT_TRUE(v);
+      byValue[v->value().doubleValue()] = v;
+      decoded.push_back(v);
+    }
+    EXPECT_EQ(byValue[1]->relatedIonVolumes(), (ValueSet{Value(byValue[2])}));
+    EXPECT_EQ(byValue[2]->relatedIonVolumes(), (ValueSet{Value(byValue[1]), Value(byValue[2])}));
+    EXPECT_TRUE(byValue[3]->relatedIonVolumes().empty());
+    EXPECT_EQ(byValue[2]->ionVolumeGroupID(), groupID);
+  }
+  store_ = {};
+  for (const auto& volume : decoded) EXPECT_TRUE(volume.expired());
+}
+
+// The delegate's context, handed out as the fallback, stays alive while the handle is held even
+// when the store's owner lets go of everything on another thread.
+TEST_F(IonVolumes, TheFallbackContextOutlivesItsOwnerWhileInUse) {
+  auto detached = volume(1);
+  ContextHandle context = detached->managedObjectContext();
+  ASSERT_TRUE(context);
+  EXPECT_EQ(context, store_.delegate->managedObjectContext());
+  std::thread owner([&] { store_ = {}; });
+  owner.join();
+  auto group = context->insertNewObjectForEntityForName("IonVolumeGroup");
+  EXPECT_TRUE(group);
+  EXPECT_EQ(group->managedObjectContext(), context.get());
+  group = nullptr;
+  context = ContextHandle();
+  EXPECT_THROW((void)detached->managedObjectContext(), FatalError);
 }
 
 TEST_F(IonVolumes, EditsInPlaceMakeTheGroupStoreItsSetAnew) {

@@ -179,6 +179,16 @@ TEST_F(PrecursorLists, GroupsAreReadFromTheDragPasteboard) {
                                                                   std::make_shared<StoreEnvironment>()));
   EXPECT_THROW((void)PrecursorListGroup::initWithPasteboardPropertyList(Value(*archived), type, nullptr),
                FatalError);
+
+  // The URI of an object of another entity is refused without leaving anything in the context.
+  ASSERT_TRUE(store_.context().save());
+  auto list = store_.insert("PrecursorList");
+  ASSERT_TRUE(store_.context().save());
+  auto other = KeyedArchiver::archivedDataWithRootObject(Value(list->objectID().URIRepresentation()));
+  ASSERT_TRUE(other);
+  EXPECT_FALSE(PrecursorListGroup::initWithPasteboardPropertyList(Value(*other), type, store_.environment));
+  EXPECT_TRUE(store_.context().insertedObjects().empty());
+  EXPECT_FALSE(store_.context().hasChanges());
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "decimal_comma_locale.h"
 #include "test_store.h"
 
 namespace tesselune {
@@ -69,6 +70,13 @@ TEST(PropertyDescriptor, EditedValuesAreWrittenByTheAttributesClass) {
   EXPECT_TRUE(peptide->valueForKey("ionData").isNull());
   edit(peptide, "noSuchAttribute", Value("x"));
   edit(peptide, "precursorLists", Value("x"));
+
+  {  // under a decimal-comma locale, as a Qt application puts the user's in force
+    test::DecimalCommaLocale locale;
+    ASSERT_TRUE(locale.active());
+    edit(peptide, "charge", Value(" 3.25"));
+    EXPECT_EQ(peptide->valueForKey("charge"), Value(3.25));
+  }
 
   PropertyDescriptor plain{Value(Dictionary{})};
   plain.setAttributeKey("name");

@@ -78,7 +78,7 @@ std::set<std::string> cascadesOf(const std::string& entity) {
   return names;
 }
 
-TEST(StoreModel, EntitiesAreTheirClassesAndInheritAsTheCatalogueSays) {
+TEST(StoreModel, EveryEntityHasItsOwnClassAndTheSixSubentitiesTheirParents) {
   auto model = test::storeModel();
   ASSERT_TRUE(model);
   std::set<std::string> entityNames;

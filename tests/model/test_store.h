@@ -37,15 +37,17 @@ struct OpenStore {
 };
 
 // Opens (creating it if needed) the store file `store`; chromatogram data folders resolve below
-// `dataFolder` when one is given.
-inline OpenStore openStore(const std::filesystem::path& store, const std::filesystem::path& dataFolder = {}) {
+// `dataFolder` when one is given. `model` replaces the store model (a variant of it).
+inline OpenStore openStore(const std::filesystem::path& store, const std::filesystem::path& dataFolder = {},
+                           std::shared_ptr<const ManagedObjectModel> model = nullptr) {
   OpenStore open;
   open.environment = std::make_shared<StoreEnvironment>();
   if (!dataFolder.empty()) {
     open.environment->setDefaultDirectoryProvider(
         [dataFolder] { return std::optional<Url>(Url::fileUrl(dataFolder.string(), true)); });
   }
-  auto container = std::make_shared<PersistentContainer>(std::string(kStoreModelName), storeModel());
+  auto container =
+      std::make_shared<PersistentContainer>(std::string(kStoreModelName), model ? model : storeModel());
   container->setPersistentStoreDescriptions(
       {PersistentStoreDescription::persistentStoreDescriptionWithURL(Url::fileUrl(store.string(), false))});
   auto registry = std::make_shared<ManagedObjectClassRegistry>();

@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <future>
 #include <thread>
 
@@ -381,6 +383,48 @@ TEST_F(ContextTest, ObserversUndoHooksAndQueues) {
 
 // A transformer registered by name writes the stored form; permanent IDs can be had before saving
 // and stay the objects' IDs through the save.
+// A handle taken through a weak reference keeps the context usable while its owner destroys it
+// on another thread; once the owner is done, the weak reference answers nothing.
+TEST_F(ContextTest, HandlesHoldOffTheDestructionOfTheirContext) {
+  auto stack = open();
+  const WeakContext weak(stack.context.get());
+  std::atomic<bool> destroyed = false;
+  std::thread owner;
+  {
+    ContextHandle handle = weak.lock();
+    ASSERT_TRUE(handle);
+    EXPECT_EQ(handle, stack.context.get());
+    const ContextHandle copy = handle;
+    owner = std::thread([&] {
+      stack.context.reset();
+      destroyed = true;
+    });
+    // The owner is blocked in the destructor; the context stays whole meanwhile.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(destroyed);
+    EXPECT_FALSE(weak.lock()) << "no new handles once destruction has begun";
+    handle->performBlockAndWait([&] {
+      auto employee = handle->insertNewObjectForEntityForName("Employee");
+      EXPECT_EQ(employee->managedObjectContext(), handle.get());
+    });
+    handle = ContextHandle();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(destroyed) << "a copy still holds it";
+    EXPECT_GT(copy->registeredObjectCount(), 0u);
+  }
+  owner.join();
+  EXPECT_TRUE(destroyed);
+  EXPECT_FALSE(weak.lock());
+  EXPECT_FALSE(weak);
+
+  // The owning thread may destroy a context while it holds a handle itself.
+  auto again = open();
+  const WeakContext other(again.context.get());
+  const ContextHandle own = other.lock();
+  again.context.reset();
+  EXPECT_FALSE(other.lock());
+}
+
 TEST_F(ContextTest, NamedTransformersAndEarlyPermanentIDs) {
   class Reversing : public ValueTransformer {
    public:

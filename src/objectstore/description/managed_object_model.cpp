@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 
+#include "foundation/number_text.h"
 #include "foundation/property_list.h"
 #include "objectstore/description/model_builder.h"
 
@@ -103,10 +104,9 @@ Expected<Value> ModelBuilder::xmlDefaultValue(pugi::xml_node node, AttributeType
     case AttributeType::Decimal:
     case AttributeType::Double:
     case AttributeType::Float: {
-      std::istringstream in{std::string(text)};
-      double d = 0;
-      if (!(in >> d)) return bad();
-      return Value(d);
+      auto d = parseDouble(text);
+      if (!d) return bad();
+      return Value(*d);
     }
     case AttributeType::Boolean:
       if (text == "YES" || text == "1") return Value(true);
