@@ -418,7 +418,6 @@ TEST_F(FetchCompilerTest, UnsupportedRequestsFailWithTextsThatNameTheFault) {
       {request("Child", "parent == 'Bob'"), {"Child", "parent", "object ID"}},
       {request("Child", "SELF == humanName"), {"Child", "SELF"}},
       {request("Child", "SELF == 'x'"), {"Child", "SELF"}},
-      {request("Human", "humanName ==[d] 'x'"), {"Human", "diacritics"}},
       {request("Child", "parent == parent"), {"Child", "parent"}},
       {withSort(request("Child"), "parent"), {"Child", "parent", "relationship"}},
       {withSort(request("Child"), "nickname"), {"Child", "nickname"}},
