@@ -796,6 +796,10 @@ Expected<std::string> FetchCompiler::compareScalar(const Predicate& predicate, c
     return parts.size() == 1 ? parts.front() : fmt::format("({})", fmt::join(parts, " OR "));
   }
 
+  if (stringTestOf(op) && scalar.family != Family::String) {
+    return fail(keyPathError(
+        path, fmt::format("{} tests strings; {} attribute is no string", operatorName(op), typeText)));
+  }
   // The other side: a constant (nil answered here) or another column.
   std::string otherSql;
   Family otherFamily = Family::None;
