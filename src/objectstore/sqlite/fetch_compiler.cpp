@@ -517,7 +517,7 @@ Expected<std::string> FetchCompiler::comparison(const Predicate& predicate, cons
                                    "left, not in \"{}\"",
                                    predicate.predicateFormat())));
     }
-    if (leftMany->rest == "@count") {
+    if (leftMany->rest == "@count" || leftMany->rest.ends_with(".@count")) {
       return fail(keyPathError(left.name(),
                                "ANY and ALL apply to the objects of a to-many relationship, not to "
                                "their count"));
