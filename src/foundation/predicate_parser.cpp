@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "foundation/predicate.h"
+#include "foundation/string_comparison.h"
 
 namespace tesselune {
 
@@ -33,6 +34,9 @@ enum class TokenKind {
   Dot,
   LeftParen,
   RightParen,
+  LeftBrace,
+  RightBrace,
+  Comma,
 };
 
 struct Token {
@@ -119,6 +123,10 @@ class Parser {
         }
         ++i;
         push(TokenKind::String, std::move(text), start);
+      } else if (c == '@' && i + 1 < format_.size() && isIdentifierStart(format_[i + 1])) {
+        ++i;  // a collection operator such as @count, a key of its own
+        while (i < format_.size() && isIdentifierPart(format_[i])) ++i;
+        push(TokenKind::Identifier, std::string(format_.substr(start, i - start)), start);
       } else if (c == '$') {
         ++i;
         while (i < format_.size() && isIdentifierPart(format_[i])) ++i;
@@ -141,8 +149,9 @@ class Parser {
         push(TokenKind::Modifier, std::string(inside), start);
         i = close + 1;
       } else {
-        static constexpr std::string_view kOperators[] = {
-            "==", "!=", "<>", "<=", ">=", "=<", "=>", "&&", "||", "=", "<", ">", "!", "(", ")", "-", "."};
+        static constexpr std::string_view kOperators[] = {"==", "!=", "<>", "<=", ">=", "=<", "=>",
+                                                          "&&", "||", "=",  "<",  ">",  "!",  "(",
+                                                          ")",  "-",  ".",  "{",  "}",  ","};
         bool matched = false;
         for (std::string_view op : kOperators) {
           if (format_.substr(i, op.size()) != op) continue;
@@ -154,6 +163,9 @@ class Parser {
           if (op == ")") kind = TokenKind::RightParen;
           if (op == "-") kind = TokenKind::Minus;
           if (op == ".") kind = TokenKind::Dot;
+          if (op == "{") kind = TokenKind::LeftBrace;
+          if (op == "}") kind = TokenKind::RightBrace;
+          if (op == ",") kind = TokenKind::Comma;
           push(kind, std::string(op), start);
           i += op.size();
           matched = true;
@@ -213,18 +225,40 @@ class Parser {
       const bool value = keywordIs(take(), "TRUEPREDICATE");
       return value ? Predicate::truePredicate() : Predicate::falsePredicate();
     }
-    return parseComparison();
+    return parseComparison(depth);
   }
 
-  Expected<Predicate> parseComparison() {
-    auto left = parseExpression();
+  Expected<Predicate> parseComparison(std::size_t depth) {
+    ComparisonModifier modifier = ComparisonModifier::Direct;
+    bool none = false;
+    if (keywordIs(peek(), "ANY") || keywordIs(peek(), "SOME")) {
+      modifier = ComparisonModifier::Any;
+    } else if (keywordIs(peek(), "ALL")) {
+      modifier = ComparisonModifier::All;
+    } else if (keywordIs(peek(), "NONE")) {
+      modifier = ComparisonModifier::Any;
+      none = true;
+    }
+    if (modifier != ComparisonModifier::Direct) take();
+    auto left = parseExpression(depth);
     if (!left) return fail(left.error());
-    const Token& opToken = peek();
-    if (opToken.kind != TokenKind::Operator) return error(opToken, "expected a comparison operator");
+    const Token opToken = peek();
+    static constexpr std::pair<std::string_view, ComparisonOperator> kWords[] = {
+        {"BEGINSWITH", ComparisonOperator::BeginsWith}, {"ENDSWITH", ComparisonOperator::EndsWith},
+        {"CONTAINS", ComparisonOperator::Contains},     {"LIKE", ComparisonOperator::Like},
+        {"MATCHES", ComparisonOperator::Matches},       {"IN", ComparisonOperator::In},
+        {"BETWEEN", ComparisonOperator::Between}};
+    std::optional<ComparisonOperator> word;
+    for (const auto& [name, value] : kWords) {
+      if (keywordIs(opToken, name)) word = value;
+    }
+    if (opToken.kind != TokenKind::Operator && !word) return error(opToken, "expected a comparison operator");
     take();
     ComparisonOperator op{};
     const std::string& o = opToken.text;
-    if (o == "==" || o == "=") {
+    if (word) {
+      op = *word;
+    } else if (o == "==" || o == "=") {
       op = ComparisonOperator::EqualTo;
     } else if (o == "!=" || o == "<>") {
       op = ComparisonOperator::NotEqualTo;
@@ -243,9 +277,24 @@ class Parser {
       if (m.find('c') != std::string::npos) options |= kCaseInsensitive;
       if (m.find('d') != std::string::npos) options |= kDiacriticInsensitive;
     }
-    auto right = parseExpression();
+    const Token rightToken = peek();
+    auto right = parseExpression(depth);
     if (!right) return fail(right.error());
-    return Predicate::comparison(std::move(*left), op, std::move(*right), options);
+    if (right->kind() == Expression::Kind::Constant) {
+      const Value& constant = right->constantValue();
+      if (op == ComparisonOperator::Matches && constant.isString()) {
+        if (auto compiled = RegularExpression::compile(constant.asString(), options); !compiled)
+          return error(rightToken, compiled.error().localizedDescription());
+      }
+      if (op == ComparisonOperator::Between &&
+          !((constant.isArray() || constant.isSet()) && constant.count() == 2))
+        return error(rightToken, "BETWEEN needs a list of two values, as {1, 5}");
+    }
+    if (op == ComparisonOperator::Between && right->kind() == Expression::Kind::Aggregate &&
+        right->elements().size() != 2)
+      return error(rightToken, "BETWEEN needs a list of two values, as {1, 5}");
+    auto comparison = Predicate::comparison(std::move(*left), op, std::move(*right), options, modifier);
+    return none ? Predicate::notPredicate(std::move(comparison)) : comparison;
   }
 
   Expected<Value> nextArgument(const Token& t) {
@@ -253,9 +302,30 @@ class Parser {
     return arguments_[nextArgument_++];
   }
 
-  Expected<Expression> parseExpression() {
+  Expected<Expression> parseExpression(std::size_t depth) {
+    if (depth >= kMaxNesting) return error(peek(), "nesting too deep");
     const Token t = take();
     switch (t.kind) {
+      case TokenKind::LeftBrace: {
+        std::vector<Expression> elements;
+        bool constant = true;
+        if (peek().kind != TokenKind::RightBrace) {
+          for (;;) {
+            auto element = parseExpression(depth + 1);
+            if (!element) return element;
+            constant = constant && element->kind() == Expression::Kind::Constant;
+            elements.push_back(std::move(*element));
+            if (peek().kind != TokenKind::Comma) break;
+            take();
+          }
+        }
+        if (peek().kind != TokenKind::RightBrace) return error(peek(), "expected ',' or '}' in a list");
+        take();
+        if (!constant) return Expression::aggregate(std::move(elements));
+        Array values;
+        for (const Expression& e : elements) values.push_back(e.constantValue());
+        return Expression::constant(Value(std::move(values)));
+      }
       case TokenKind::Minus: {
         if (peek().kind != TokenKind::Number) return error(t, "expected a number after '-'");
         auto n = number(take());
@@ -269,8 +339,12 @@ class Parser {
       }
       case TokenKind::String:
         return Expression::constant(Value(t.text));
-      case TokenKind::Variable:
-        return Expression::variable(t.text);
+      case TokenKind::Variable: {
+        auto path = keysAfter("$" + t.text);
+        if (!path) return fail(path.error());
+        if (*path == "$" + t.text) return Expression::variable(t.text);
+        return Expression::keyPath(std::move(*path));
+      }
       case TokenKind::Argument: {
         auto argument = nextArgument(t);
         if (!argument) return fail(argument.error());
@@ -291,27 +365,61 @@ class Parser {
         if (keywordIs(t, "TRUE") || keywordIs(t, "YES")) return Expression::constant(Value(true));
         if (keywordIs(t, "FALSE") || keywordIs(t, "NO")) return Expression::constant(Value(false));
         if (keywordIs(t, "NIL") || keywordIs(t, "NULL")) return Expression::constant(Value());
-        static constexpr std::string_view kReserved[] = {"AND", "OR", "NOT", "TRUEPREDICATE",
-                                                         "FALSEPREDICATE"};
+        if (keywordIs(t, "SUBQUERY")) return parseSubquery(t, depth);
+        static constexpr std::string_view kReserved[] = {
+            "AND",  "OR",      "NOT",  "TRUEPREDICATE", "FALSEPREDICATE", "ANY",
+            "SOME", "ALL",     "NONE", "BEGINSWITH",    "ENDSWITH",       "CONTAINS",
+            "LIKE", "MATCHES", "IN",   "BETWEEN"};
         for (std::string_view word : kReserved) {
           if (keywordIs(t, word)) return error(t, fmt::format("expected an operand, found {}", word));
         }
         const bool self = keywordIs(t, "SELF");
-        std::string path = self ? "" : t.text;
-        while (peek().kind == TokenKind::Dot) {
-          take();
-          const Token& key = take();
-          if (key.kind != TokenKind::Identifier) return error(key, "expected a key after '.'");
-          if (!path.empty()) path += '.';
-          path += key.text;
-        }
-        if (self && path.empty()) return Expression::self();
-        return Expression::keyPath(std::move(path));
+        auto path = keysAfter(self ? "" : t.text);
+        if (!path) return fail(path.error());
+        if (self && path->empty()) return Expression::self();
+        return Expression::keyPath(std::move(*path));
       }
       default:
         return error(t,
                      t.kind == TokenKind::End ? "expected an operand, found the end" : "expected an operand");
     }
+  }
+
+  // `path` extended by the keys that follow it after dots.
+  Expected<std::string> keysAfter(std::string path) {
+    while (peek().kind == TokenKind::Dot) {
+      take();
+      const Token& key = take();
+      if (key.kind != TokenKind::Identifier) return error(key, "expected a key after '.'");
+      if (!path.empty()) path += '.';
+      path += key.text;
+    }
+    return path;
+  }
+
+  // SUBQUERY(collection, $variable, predicate), then any keys after it (".@count").
+  Expected<Expression> parseSubquery(const Token& keyword, std::size_t depth) {
+    if (peek().kind != TokenKind::LeftParen) return error(peek(), "expected '(' after SUBQUERY");
+    take();
+    auto collection = parseExpression(depth + 1);
+    if (!collection) return collection;
+    if (collection->kind() != Expression::Kind::KeyPath && collection->kind() != Expression::Kind::Variable &&
+        collection->kind() != Expression::Kind::Subquery)
+      return error(keyword, "a SUBQUERY runs over a key path");
+    if (peek().kind != TokenKind::Comma) return error(peek(), "expected ',' after the SUBQUERY's collection");
+    take();
+    const Token variable = take();
+    if (variable.kind != TokenKind::Variable) return error(variable, "expected the SUBQUERY's $variable");
+    if (peek().kind != TokenKind::Comma) return error(peek(), "expected ',' after the SUBQUERY's variable");
+    take();
+    auto predicate = parseOr(depth + 1);
+    if (!predicate) return fail(predicate.error());
+    if (peek().kind != TokenKind::RightParen) return error(peek(), "expected ')' to close the SUBQUERY");
+    take();
+    auto path = keysAfter("");
+    if (!path) return fail(path.error());
+    return Expression::subquery(std::move(*collection), variable.text, std::move(*predicate),
+                                std::move(*path));
   }
 
   Expected<Value> number(const Token& t) {
@@ -323,10 +431,12 @@ class Parser {
       if (ec == std::errc() && end == s.data() + s.size()) return Value(v);
       // Too large for 64 bits: as a double, as Foundation reads it.
     }
+    // from_chars reads the same digits whatever the process's locale.
     double d = 0;
     auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), d);
-    if (ec == std::errc::result_out_of_range || !std::isfinite(d)) return error(t, "number out of range");
+    if (ec == std::errc::result_out_of_range) return error(t, "number out of range");
     if (ec != std::errc() || end != s.data() + s.size()) return error(t, "malformed number");
+    if (!std::isfinite(d)) return error(t, "number out of range");
     return Value(d);
   }
 

@@ -1,10 +1,12 @@
 // Predicates: parsing with Foundation's precedence and arguments, evaluation on dictionaries and
-// objects, substitution, printing that parses back, and syntax errors that point at the column.
+// objects, string operators, collections (ANY/ALL/NONE, IN, BETWEEN, @count, SUBQUERY),
+// substitution, printing that parses back, and syntax errors that point at the column.
 
 #include "foundation/predicate.h"
 
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <cmath>
 
 #include "decimal_comma_locale.h"
@@ -197,6 +199,125 @@ TEST(NumbersInText, ReadWithAPointUnderADecimalCommaLocale) {
   EXPECT_TRUE(p.evaluateWithObject(Value::dictionary({{"mz", Value(2.75)}})));
   EXPECT_FALSE(p.evaluateWithObject(Value::dictionary({{"mz", Value(2.25)}})));
   EXPECT_FALSE(predicateWithFormat("mz > 1e999", {}));
+}
+
+TEST(Predicate, StringOperatorsFoldAndMatchWholeStrings) {
+  const Value d = Value::dictionary({{"s", "Straße Café"}, {"e", ""}, {"n", 5}, {"star", "a*b"}});
+  for (std::string_view yes :
+       {"s BEGINSWITH 'Stra'", "s BEGINSWITH[c] 'STRASSE'", "s ENDSWITH[cd] 'CAFE'", "s CONTAINS 'ße C'",
+        "s LIKE 'Str*'", "s LIKE '?traße*'", "s LIKE[cd] 'strasse cafe'", "star LIKE 'a\\\\*b'",
+        "s MATCHES 'Stra.e .*'", "s MATCHES[c] 'strasse caf.'", "s MATCHES[cd] '.*cafe'", "'Café' IN s",
+        "s IN 'x Straße Café y'"}) {
+    EXPECT_TRUE(evaluate(yes, d)) << yes;
+  }
+  for (std::string_view no : {"s BEGINSWITH 'stra'", "s ENDSWITH 'Cafe'", "s CONTAINS ''", "e BEGINSWITH ''",
+                              "s LIKE 'Str'", "star LIKE 'a\\\\*'", "s MATCHES 'Café'", "s MATCHES 'Straße'",
+                              "n BEGINSWITH '5'", "missing CONTAINS 'a'"}) {
+    EXPECT_FALSE(evaluate(no, d)) << no;
+  }
+}
+
+TEST(Predicate, EvaluatesCollectionsCountsAndSubqueries) {
+  const Value kid1 = Value::dictionary({{"name", "Ann"}, {"age", 4}, {"toys", Value::array({"ball"})}});
+  const Value kid2 = Value::dictionary({{"name", "Bob"}, {"age", 9}, {"toys", Value::array({"kite", "yo"})}});
+  const Value family = Value::dictionary({{"kids", Value::set({kid1, kid2})},
+                                          {"nobody", Value::array({})},
+                                          {"age", 7},
+                                          {"born", Date{100}},
+                                          {"tag", Value()}});
+  for (std::string_view yes : {"ANY kids.age > 8",
+                               "SOME kids.name BEGINSWITH 'A'",
+                               "ALL kids.age < 10",
+                               "NONE kids.age > 9",
+                               "ALL nobody.age > 100",
+                               "NONE nobody.age > 0",
+                               "kids.@count == 2",
+                               "nobody.@count == 0",
+                               "ANY kids.toys == 'yo'",
+                               "kids.toys.@count == 3",
+                               "age IN {1, 7}",
+                               "tag IN {1, nil}",
+                               "age BETWEEN {7, 7}",
+                               "born BETWEEN %@",
+                               "kids.name CONTAINS 'Bob'",
+                               "'Ann' IN kids.name",
+                               "SUBQUERY(kids, $k, $k.age > 3).@count == 2",
+                               "SUBQUERY(kids, $k, $k.age > $SELF_AGE).@count == 1",
+                               "SUBQUERY(kids, $k, ANY $k.toys BEGINSWITH 'k').@count == 1",
+                               "ANY kids.name IN {'Bob', 'Eve'}"}) {
+    const Dictionary variables = {{"SELF_AGE", 7}};
+    auto p = predicateWithFormat(yes, {Value::array({Date{0}, Date{200}})});
+    ASSERT_TRUE(p) << yes << ": " << p.error().localizedDescription();
+    EXPECT_TRUE(p->evaluateWithObject(family, &variables)) << yes;
+  }
+  for (std::string_view no :
+       {"ANY nobody.age > 0", "ALL kids.age > 5", "ANY kids.age > 9", "age IN {}", "age BETWEEN {8, 9}",
+        "tag BETWEEN {1, 2}", "kids.@count > 2", "SUBQUERY(kids, $k, $k.name == 'Eve').@count > 0",
+        "kids.name CONTAINS 'Eve'"}) {
+    EXPECT_FALSE(evaluate(no, family)) << no;
+  }
+}
+
+TEST(Predicate, PrintsAndParsesTheCollectionForms) {
+  for (std::string_view format :
+       {"name BEGINSWITH[c] \"a\"", "name ENDSWITH \"z\"", "name CONTAINS[cd] \"é\"", "name LIKE \"a?*\"",
+        "name MATCHES \"[a-z]+\"", "ANY kids.name == \"x\"", "ALL kids.age > 3", "NOT ANY kids.age > 3",
+        "x IN {1, 2, 3}", "x IN {1, $v}", "x BETWEEN {1, 5}", "kids.@count >= 2", "$k.name == 1",
+        "SUBQUERY(kids, $k, $k.age > 3 AND $k.name MATCHES \".*\").@count > 0", "x IN {}"}) {
+    const Predicate p = parse(format);
+    EXPECT_EQ(p.predicateFormat(), format);
+    auto again = predicateWithFormat(p.predicateFormat());
+    ASSERT_TRUE(again) << p.predicateFormat();
+    EXPECT_EQ(*again, p) << format;
+  }
+  EXPECT_EQ(parse("NONE kids.age > 3"), parse("NOT ANY kids.age > 3"));
+  EXPECT_EQ(parse("some kids.age > 3"), parse("ANY kids.age > 3"));
+  EXPECT_EQ(parse("x between %@", {Value::array({1, 2})}), parse("x BETWEEN {1, 2}"));
+}
+
+TEST(Predicate, SubstitutesAroundTheVariablesASubqueryBinds) {
+  const Predicate p = parse("SUBQUERY(kids, $k, $k.age > $min).@count > 0 AND x IN {$a, 2}");
+  auto bound = p.predicateWithSubstitutionVariables({{"min", 3}, {"a", 1}});
+  ASSERT_TRUE(bound) << bound.error().debugDescription();
+  EXPECT_EQ(bound->predicateFormat(), "SUBQUERY(kids, $k, $k.age > 3).@count > 0 AND x IN {1, 2}");
+  auto missing = p.predicateWithSubstitutionVariables({{"a", 1}});
+  ASSERT_FALSE(missing);
+  EXPECT_NE(missing.error().localizedDescription().find("$min"), std::string::npos);
+}
+
+TEST(Predicate, PointsAtTheColumnOfCollectionSyntaxErrors) {
+  const std::vector<std::pair<std::string_view, std::size_t>> cases = {
+      {"a BETWEEN {1}", 11},
+      {"a BETWEEN 3", 11},
+      {"a MATCHES '(x'", 11},
+      {"a IN {1, 2", 11},
+      {"SUBQUERY(k, x, x == 1).@count == 1", 13},
+      {"ANY == 1", 5},
+      {"a BEGINSWITH", 13},
+      {"SUBQUERY(k, $x, $x == 1", 24},
+      {"a.@ == 1", 3},
+      {"a == 1 LIKE 2", 8},
+  };
+  for (const auto& [format, column] : cases) {
+    auto p = predicateWithFormat(format);
+    ASSERT_FALSE(p) << format;
+    EXPECT_NE(p.error().localizedDescription().find("column " + std::to_string(column) + ":"),
+              std::string::npos)
+        << format << " -> " << p.error().localizedDescription();
+  }
+}
+
+// Numbers read the same whatever the process's locale says about decimal separators.
+TEST(Predicate, ReadsNumbersWithoutTheLocale) {
+  const char* previous = std::setlocale(LC_NUMERIC, nullptr);
+  const std::string saved = previous != nullptr ? previous : "C";
+  for (const char* locale : {"de_DE.UTF-8", "fr_FR.UTF-8", "C"}) {
+    if (std::setlocale(LC_NUMERIC, locale) == nullptr) continue;
+    const Predicate p = parse("x == 1.5 AND y == 2e3");
+    EXPECT_EQ(p.subpredicates().at(0).rightExpression().constantValue(), Value(1.5)) << locale;
+    EXPECT_EQ(p.subpredicates().at(1).rightExpression().constantValue(), Value(2000.0)) << locale;
+  }
+  std::setlocale(LC_NUMERIC, saved.c_str());
 }
 
 }  // namespace

@@ -6,6 +6,9 @@
 
 #include <cctype>
 #include <set>
+#include <string_view>
+
+#include "foundation/string_comparison.h"
 
 namespace tesselune {
 
@@ -31,6 +34,56 @@ std::set<std::string> triggerFunctionNames(std::string_view sql) {
     i = end;
   }
   return names;
+}
+
+std::string_view textOf(sqlite3_value* value) {
+  const auto* p = reinterpret_cast<const char*>(sqlite3_value_text(value));
+  return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_value_bytes(value))) : std::string_view();
+}
+
+// PREDICATE_FOLD(text, options): the text as [c]/[d] compare it; anything but text as it is.
+void predicateFold(sqlite3_context* context, int, sqlite3_value** argv) {
+  if (sqlite3_value_type(argv[0]) != SQLITE_TEXT) {
+    sqlite3_result_value(context, argv[0]);
+    return;
+  }
+  const std::string folded =
+      foldedString(textOf(argv[0]), static_cast<unsigned>(sqlite3_value_int64(argv[1])));
+  sqlite3_result_text64(context, folded.data(), folded.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
+// PREDICATE_STRING_TEST(text, pattern, test, options): 1 when `text <test> pattern` holds (test is a
+// StringTest), 0 otherwise and whenever either side is not text. A MATCHES pattern is compiled once
+// per statement and kept beside the pattern argument.
+void predicateStringTest(sqlite3_context* context, int, sqlite3_value** argv) {
+  if (sqlite3_value_type(argv[0]) != SQLITE_TEXT || sqlite3_value_type(argv[1]) != SQLITE_TEXT) {
+    sqlite3_result_int(context, 0);
+    return;
+  }
+  const auto test = static_cast<StringTest>(sqlite3_value_int(argv[2]));
+  const auto options = static_cast<unsigned>(sqlite3_value_int64(argv[3]));
+  if (test != StringTest::Matches) {
+    sqlite3_result_int(context, stringTest(test, textOf(argv[0]), textOf(argv[1]), options) ? 1 : 0);
+    return;
+  }
+  auto* kept = static_cast<RegularExpression*>(sqlite3_get_auxdata(context, 1));
+  if (kept == nullptr) {
+    auto compiled = RegularExpression::compile(textOf(argv[1]), options);
+    if (!compiled) {
+      const std::string message = compiled.error().localizedDescription();
+      sqlite3_result_error(context, message.c_str(), static_cast<int>(message.size()));
+      return;
+    }
+    kept = new RegularExpression(std::move(*compiled));
+    sqlite3_set_auxdata(context, 1, kept, [](void* p) { delete static_cast<RegularExpression*>(p); });
+    // SQLite may have dropped it at once; then it is fetched again below.
+    kept = static_cast<RegularExpression*>(sqlite3_get_auxdata(context, 1));
+    if (kept == nullptr) {
+      sqlite3_result_int(context, stringTest(test, textOf(argv[0]), textOf(argv[1]), options) ? 1 : 0);
+      return;
+    }
+  }
+  sqlite3_result_int(context, kept->matches(textOf(argv[0])) ? 1 : 0);
 }
 
 }  // namespace
@@ -201,6 +254,7 @@ Expected<std::unique_ptr<Database>> Database::open(const std::filesystem::path& 
   sqlite3_extended_result_codes(db, 1);
   // The first read tells whether the file is a database at all; nothing is written before it.
   if (auto s = database->registerTriggerFunctions(); !s) return fail(s.error());
+  if (auto s = database->registerPredicateFunctions(); !s) return fail(s.error());
   return database;
 }
 
@@ -224,6 +278,23 @@ Status Database::registerTriggerFunctions() {
     const int rc = sqlite3_create_function_v2(db_, name.c_str(), -1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
                                               nullptr, doNothing, nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK) return fail(error(rc, name));
+  }
+  return {};
+}
+
+Status Database::registerPredicateFunctions() {
+  struct Function {
+    const char* name;
+    int arguments;
+    void (*body)(sqlite3_context*, int, sqlite3_value**);
+  };
+  static constexpr Function kFunctions[] = {{"PREDICATE_FOLD", 2, predicateFold},
+                                            {"PREDICATE_STRING_TEST", 4, predicateStringTest}};
+  for (const Function& f : kFunctions) {
+    const int rc = sqlite3_create_function_v2(db_, f.name, f.arguments,
+                                              SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS, nullptr,
+                                              f.body, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) return fail(error(rc, f.name));
   }
   return {};
 }

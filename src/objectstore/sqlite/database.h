@@ -88,9 +88,10 @@ class Database {
  public:
   enum class Mode { ReadOnly, ReadWrite, ReadWriteCreate };
 
-  // Opens a connection with a busy timeout (the main application writes the same file) and the
-  // harmless stand-ins for functions that Core Data's own triggers call. A file that is not an
-  // SQLite database fails here, and is left as it was.
+  // Opens a connection with a busy timeout (the main application writes the same file), the
+  // harmless stand-ins for functions that Core Data's own triggers call, and the functions that
+  // compiled predicates call (PREDICATE_FOLD and PREDICATE_STRING_TEST, the string tests of
+  // string_comparison.h). A file that is not an SQLite database fails here, and is left as it was.
   [[nodiscard]] static Expected<std::unique_ptr<Database>> open(
       const std::filesystem::path& path, Mode mode,
       std::chrono::milliseconds busyTimeout = std::chrono::seconds(10));
@@ -122,6 +123,7 @@ class Database {
   friend class CachedStatement;
   Database(sqlite3* db, std::filesystem::path path) : db_(db), path_(std::move(path)) {}
   [[nodiscard]] Status registerTriggerFunctions();
+  [[nodiscard]] Status registerPredicateFunctions();
   void giveBack(std::string sql, Statement statement);
 
   sqlite3* db_;

@@ -3,9 +3,13 @@
 //
 // Predicates keep Foundation's meaning in SQL: a comparison with a missing value (NULL, or a to-one
 // relationship that is nil on the way) is false for orderings, `!=` a value matches NULL, and NOT
-// turns every false into true, so each comparison is written to give 0 or 1, never NULL. `[c]` uses
-// SQLite's NOCASE collation, which folds ASCII letters only: "É" and "é" stay different. `[d]` is
-// refused rather than answered wrongly.
+// turns every false into true, so each comparison is written to give 0 or 1, never NULL. `[c]`,
+// `[d]` and the string operators (BEGINSWITH, ENDSWITH, CONTAINS, LIKE, MATCHES) call the SQL
+// functions that every connection registers (database.h), which run the evaluator's own string
+// tests. A key path through a to-many relationship becomes a correlated subquery over its
+// destination's rows: EXISTS for ANY, NOT EXISTS of the negation for ALL, COUNT(*) for @count and
+// SUBQUERY(...).@count; to-ones on the way and inside are LEFT JOINs. Nothing is evaluated row by row
+// outside SQLite.
 #pragma once
 
 #include <cstdint>
@@ -20,8 +24,9 @@
 namespace tesselune {
 
 // The code of the Error for a request the store cannot run: an unknown entity or key, a key path
-// through a to-many relationship, a $variable left in the predicate, a comparison of values of
-// different kinds. It is NSPersistentStoreUnsupportedRequestTypeError.
+// through a to-many relationship without ANY, ALL, NONE or @count, a $variable left in the
+// predicate, a comparison of values of different kinds, a string operator on a non-string. It is
+// NSPersistentStoreUnsupportedRequestTypeError.
 inline constexpr std::int64_t kFetchRequestUnsupportedError = kPersistentStoreUnsupportedRequestTypeError;
 
 // What the statement answers per row.
