@@ -2,6 +2,7 @@
 #include "app/store_command.h"
 
 #include <fmt/format.h>
+#include <sqlite3.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -22,14 +23,23 @@ namespace tesselune {
 
 namespace {
 
-int failed(const CommandOutput& output, const Error& error) {
-  output.err << "tesselune-store: " << error.localizedDescription() << '\n';
+// The text of a failure for people: SQLite's lock errors say what to do about them.
+std::string describe(const Error& error, const std::filesystem::path& storeFile) {
+  const bool locked = error.domain() == "NSSQLiteErrorDomain" &&
+                      ((error.code() & 0xFF) == SQLITE_BUSY || (error.code() & 0xFF) == SQLITE_LOCKED);
+  if (!locked) return error.localizedDescription();
+  return fmt::format("The store at {} is locked by another program; try again when it is done. ({})",
+                     storeFile.string(), error.localizedDescription());
+}
+
+int failed(const CommandOutput& output, const Error& error, const std::filesystem::path& storeFile = {}) {
+  output.err << "tesselune-store: " << describe(error, storeFile) << '\n';
   return kExitFailure;
 }
 
 // The store, or the model it was asked for, could not be opened: nothing was read or changed.
-int unopened(const CommandOutput& output, const Error& error) {
-  output.err << "tesselune-store: " << error.localizedDescription() << '\n';
+int unopened(const CommandOutput& output, const Error& error, const std::filesystem::path& storeFile) {
+  output.err << "tesselune-store: " << describe(error, storeFile) << '\n';
   return kExitUnopened;
 }
 
@@ -175,7 +185,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     if (!modelPath.empty()) model = modelPath;
     // Only a real delete opens the store for writing.
     auto opened = openStoreWithModel(library->storeFile(), model, !*deleteCommand || dryRun);
-    if (!opened) return unopened(output, opened.error());
+    if (!opened) return unopened(output, opened.error(), library->storeFile());
     if (*inspect) {
       auto found = opened->hasModel() ? inspectStore(*opened->store, opened->modelSource)
                                       : inspectStoreWithoutModel(*opened->database, opened->modelSource);
@@ -186,7 +196,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     if (*verify) {
       auto result =
           opened->hasModel() ? verifyStore(*opened->store) : verifyStoreWithoutModel(*opened->database);
-      if (!result) return unopened(output, result.error());
+      if (!result) return unopened(output, result.error(), library->storeFile());
       if (!opened->hasModel()) output.out << fmt::format("Model: {}\n", opened->modelSource);
       output.out << formatVerification(*result);
       return result->ok() ? kExitOk : kExitFailure;
@@ -207,7 +217,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     }
     auto outcome = deleteObjectsMatching(*opened->store, deleteEntity, deleteWhere, options, &progress);
     if (bar) bar->finish();
-    if (!outcome) return failed(output, outcome.error());
+    if (!outcome) return failed(output, outcome.error(), library->storeFile());
     output.out << formatDeleteOutcome(*outcome);
     return kExitOk;
   }
@@ -226,7 +236,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
       return usage(output, "mark takes either an entity with names or --uri, not both.");
     }
     auto opened = openMaintenanceStore(library->storeFile(), false);
-    if (!opened) return unopened(output, opened.error());
+    if (!opened) return unopened(output, opened.error(), library->storeFile());
     std::vector<MarkedObject> marked;
     if (!markURIs.empty()) {
       for (const std::string& uri : markURIs) {
@@ -255,7 +265,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   }
 
   auto opened = openMaintenanceStore(library->storeFile(), true);
-  if (!opened) return unopened(output, opened.error());
+  if (!opened) return unopened(output, opened.error(), library->storeFile());
   if (*status) {
     auto found = storeStatus(*opened->store, *library);
     if (!found) return failed(output, found.error());

@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "app/store_catalog.h"
 
 namespace tesselune {
@@ -237,7 +239,14 @@ Expected<VerificationResult> verifyStoreWithoutModel(Database& database) {
 std::string formatVerification(const VerificationResult& result) {
   std::string out;
   out += result.integrityProblems.empty() ? "SQLite integrity: ok\n" : "SQLite integrity: damaged\n";
-  for (const auto& line : result.integrityProblems) out += fmt::format("  {}\n", line);
+  // SQLite's own report may hold several lines in one entry.
+  for (const auto& problem : result.integrityProblems) {
+    for (std::size_t start = 0; start <= problem.size();) {
+      const std::size_t end = std::min(problem.find('\n', start), problem.size());
+      if (end > start) out += fmt::format("  {}\n", problem.substr(start, end - start));
+      start = end + 1;
+    }
+  }
 
   if (result.misfiledRows.empty()) {
     out += "Entity numbers: ok\n";
