@@ -129,6 +129,8 @@ Expected<MaintenanceStore> openMaintenanceStore(const std::filesystem::path& sto
 
 Expected<MaintenanceStore> createStore(const DataLibrary& library) {
   std::error_code ec;
+  if (std::filesystem::is_directory(library.storeFile(), ec))
+    return fail(checkStoreFile(library.storeFile()).error());
   if (std::filesystem::exists(library.storeFile(), ec)) {
     return fail(maintenanceError(fmt::format("A store already exists at {}.", library.storeFile().string())));
   }

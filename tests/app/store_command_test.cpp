@@ -252,6 +252,12 @@ TEST(StoreCommandInput, BadStoreFilesGiveOneLineAStatusAndStayAsTheyWere) {
                   "holds header only.sqlite, truncated.sqlite).\n");
   }
 
+  const testing::CommandResult create = testing::runCommand(folder, {"create"});
+  EXPECT_EQ(create.exitCode, kExitFailure);
+  EXPECT_TRUE(
+      create.err.starts_with("tesselune-store: " + folder.string() + " is a folder, not a store file"))
+      << create.err;
+
   // A damaged model cache leaves a store to be described without a model; delete wants one.
   const fs::path cached =
       test::copyFixtureStore("coredata/moody/stores/Moody.moody", test::scratchFolder("cache"));
