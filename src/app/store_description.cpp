@@ -59,55 +59,49 @@ std::string cachedModelProblem(const Error& error) {
   return fmt::format("the model the store keeps of itself cannot be read ({})", error.localizedDescription());
 }
 
-// "Country, Mood differ from the store's; only in the model: Planet; only in the store: Continent":
-// the entities whose version hashes keep `model` from fitting the store.
-std::string hashDifferences(const ManagedObjectModel& model, const Dictionary& metadata) {
+// The entities whose version hashes keep a model from fitting a store.
+struct HashDifferences {
+  std::vector<std::string> differing;
+  std::vector<std::string> onlyInModel;
+  std::vector<std::string> onlyInStore;
+  std::size_t size() const { return differing.size() + onlyInModel.size() + onlyInStore.size(); }
+};
+
+HashDifferences hashDifferences(const ManagedObjectModel& model, const Dictionary& metadata) {
   const auto hashes = metadata.find("NSStoreModelVersionHashes");
   const Dictionary none;
   const Dictionary& recorded =
       hashes != metadata.end() && hashes->second.isDictionary() ? hashes->second.asDictionary() : none;
-  std::vector<std::string> differing;
-  std::vector<std::string> onlyInModel;
-  std::vector<std::string> onlyInStore;
+  HashDifferences differences;
   const auto computed = model.entityVersionHashes();
   for (const auto& [name, hash] : computed) {
     const auto theirs = recorded.find(name);
     if (theirs == recorded.end()) {
-      onlyInModel.push_back(name);
+      differences.onlyInModel.push_back(name);
     } else if (!theirs->second.isData() || !std::ranges::equal(theirs->second.asData(), hash)) {
-      differing.push_back(name);
+      differences.differing.push_back(name);
     }
   }
   for (const auto& [name, hash] : recorded) {
-    if (!computed.contains(name)) onlyInStore.push_back(name);
+    if (!computed.contains(name)) differences.onlyInStore.push_back(name);
   }
-  std::vector<std::string> parts;
-  if (!differing.empty()) {
-    parts.push_back(
-        fmt::format("the version hashes of {} differ from the store's", fmt::join(differing, ", ")));
-  }
-  if (!onlyInModel.empty())
-    parts.push_back(fmt::format("only in the model: {}", fmt::join(onlyInModel, ", ")));
-  if (!onlyInStore.empty())
-    parts.push_back(fmt::format("only in the store: {}", fmt::join(onlyInStore, ", ")));
-  if (parts.empty()) return "its entity version hashes are not the store's";
-  return fmt::format("{}", fmt::join(parts, "; "));
+  return differences;
 }
 
-std::size_t differenceCount(const ManagedObjectModel& model, const Dictionary& metadata) {
-  const auto hashes = metadata.find("NSStoreModelVersionHashes");
-  if (hashes == metadata.end() || !hashes->second.isDictionary()) return model.entities().size();
-  const Dictionary& recorded = hashes->second.asDictionary();
-  std::size_t count = 0;
-  const auto computed = model.entityVersionHashes();
-  for (const auto& [name, hash] : computed) {
-    const auto theirs = recorded.find(name);
-    if (theirs == recorded.end() || !theirs->second.isData() ||
-        !std::ranges::equal(theirs->second.asData(), hash))
-      ++count;
+// "the version hashes of Country, Mood differ from the store's; only in the model: Planet; only in
+// the store: Continent".
+std::string describe(const HashDifferences& differences) {
+  std::vector<std::string> parts;
+  if (!differences.differing.empty()) {
+    parts.push_back(fmt::format("the version hashes of {} differ from the store's",
+                                fmt::join(differences.differing, ", ")));
   }
-  for (const auto& [name, hash] : recorded) count += computed.contains(name) ? 0 : 1;
-  return count;
+  if (!differences.onlyInModel.empty())
+    parts.push_back(fmt::format("only in the model: {}", fmt::join(differences.onlyInModel, ", ")));
+  if (!differences.onlyInStore.empty())
+    parts.push_back(fmt::format("only in the store: {}", fmt::join(differences.onlyInStore, ", ")));
+  if (parts.empty()) return "its entity version hashes are not the store's";
+  return fmt::format("{}", fmt::join(parts, "; "));
 }
 
 // The model a user names; for a bundle of versions, the version whose hashes are the store's.
@@ -124,30 +118,28 @@ Expected<std::pair<std::shared_ptr<const ManagedObjectModel>, std::string>> name
   if (std::filesystem::is_directory(modelFile, ec) && modelFile.extension() == ".xcdatamodeld") {
     auto versions = ManagedObjectModel::modelVersionsInBundle(modelFile);
     if (!versions) return fail(versions.error());
-    const std::pair<const std::string, std::shared_ptr<const ManagedObjectModel>>* closest = nullptr;
-    for (const auto& version : *versions) {
-      if (version.second->isCompatibleWithStoreMetadata(metadata)) {
-        return std::pair{version.second,
-                         fmt::format("{} (version \"{}\")", modelFile.string(), version.first)};
+    std::optional<std::pair<std::string, HashDifferences>> closest;
+    for (const auto& [name, version] : *versions) {
+      if (version->isCompatibleWithStoreMetadata(metadata)) {
+        return std::pair{version, fmt::format("{} (version \"{}\")", modelFile.string(), name)};
       }
-      if (closest == nullptr ||
-          differenceCount(*version.second, metadata) < differenceCount(*closest->second, metadata)) {
-        closest = &version;
-      }
+      HashDifferences differences = hashDifferences(*version, metadata);
+      if (!closest || differences.size() < closest->second.size())
+        closest.emplace(name, std::move(differences));
     }
-    return fail(maintenanceError(
-        fmt::format("None of the {} model versions in {} fits the store at {}{}.", versions->size(),
-                    modelFile.string(), storeFile.string(),
-                    closest == nullptr ? ""
-                                       : fmt::format(": the closest, \"{}\", differs: {}", closest->first,
-                                                     hashDifferences(*closest->second, metadata)))));
+    return fail(maintenanceError(fmt::format(
+        "None of the {} model versions in {} fits the store at {}{}.", versions->size(), modelFile.string(),
+        storeFile.string(),
+        !closest
+            ? ""
+            : fmt::format(": the closest, \"{}\", differs: {}", closest->first, describe(closest->second)))));
   }
   auto model = ManagedObjectModel::modelWithContentsOfFile(modelFile);
   if (!model) return fail(model.error());
   if (!(*model)->isCompatibleWithStoreMetadata(metadata)) {
     return fail(
         maintenanceError(fmt::format("The model {} does not fit the store at {}: {}.", modelFile.string(),
-                                     storeFile.string(), hashDifferences(**model, metadata))));
+                                     storeFile.string(), describe(hashDifferences(**model, metadata)))));
   }
   return std::pair{*model, modelFile.string()};
 }
