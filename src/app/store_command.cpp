@@ -2,6 +2,7 @@
 #include "app/store_command.h"
 
 #include <fmt/format.h>
+#include <sqlite3.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -23,9 +24,24 @@ namespace tesselune {
 
 namespace {
 
-int failed(const CommandOutput& output, const Error& error) {
-  output.err << "tesselune-store: " << error.localizedDescription() << '\n';
+// The text of a failure for people: SQLite's lock errors say what to do about them.
+std::string describe(const Error& error, const std::filesystem::path& storeFile) {
+  const bool locked = error.domain() == "NSSQLiteErrorDomain" &&
+                      ((error.code() & 0xFF) == SQLITE_BUSY || (error.code() & 0xFF) == SQLITE_LOCKED);
+  if (!locked) return error.localizedDescription();
+  return fmt::format("The store at {} is locked by another program; try again when it is done. ({})",
+                     storeFile.string(), error.localizedDescription());
+}
+
+int failed(const CommandOutput& output, const Error& error, const std::filesystem::path& storeFile = {}) {
+  output.err << "tesselune-store: " << describe(error, storeFile) << '\n';
   return kExitFailure;
+}
+
+// The store, or the model it was asked for, could not be opened: nothing was read or changed.
+int unopened(const CommandOutput& output, const Error& error, const std::filesystem::path& storeFile) {
+  output.err << "tesselune-store: " << describe(error, storeFile) << '\n';
+  return kExitUnopened;
 }
 
 int usage(const CommandOutput& output, std::string_view message) {
@@ -48,6 +64,10 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   app.set_version_flag("--version", versionText("tesselune-store"));
   app.require_subcommand(1);
   app.fallthrough();
+  app.footer(
+      "Exit status: 0 done; 1 failed (verify: the store is damaged; delete: refused, or a dry run found that "
+      "it would be); 2 the command line is wrong; 3 the store could not be opened (no such file, a folder, "
+      "not a store, unreadable or locked) or the model given with --model is missing or does not fit it.");
   std::string storePath;
   app.add_option("--store", storePath,
                  "The store file to work on; by default TesseluneStore.tesselune in the shared data library "
@@ -107,7 +127,9 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   report->add_flag("--json", reportJson, "Print JSON instead of text");
 
   CLI::App* verify = app.add_subcommand(
-      "verify", "Check SQLite's integrity, references to missing rows and key counters; exit 1 when damaged");
+      "verify",
+      "Check SQLite's integrity, rows filed under entities foreign to their table, key counters and (with a "
+      "model) references to missing rows; exit 1 when damaged, 3 when the store cannot be opened");
 
   bool inspectJson = false;
   CLI::App* inspect = app.add_subcommand(
@@ -123,7 +145,11 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
       ->required();
   deleteCommand->add_option("--where", deleteWhere, "A predicate, as in \"name == 'Anna' AND age > 30\"")
       ->required();
-  deleteCommand->add_flag("--dry-run", dryRun, "Only list what would be deleted");
+  deleteCommand->add_flag(
+      "--dry-run", dryRun,
+      "Change nothing: make the same delete on a scratch copy of the store in the temporary "
+      "folder, count what it removes per entity (cascades included) and tell whether it "
+      "would be refused");
 
   try {
     app.parse(argc, argv);
@@ -161,26 +187,31 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     if (!modelPath.empty()) model = modelPath;
     // Only a real delete opens the store for writing.
     auto opened = openStoreWithModel(library->storeFile(), model, !*deleteCommand || dryRun);
-    if (!opened) return failed(output, opened.error());
+    if (!opened) return unopened(output, opened.error(), library->storeFile());
     if (*inspect) {
-      auto found = inspectStore(*opened->store, opened->modelSource);
+      auto found = opened->hasModel() ? inspectStore(*opened->store, opened->modelSource)
+                                      : inspectStoreWithoutModel(*opened->database, opened->modelSource);
       if (!found) return failed(output, found.error());
       output.out << (inspectJson ? inspectionJson(*found) : formatInspection(*found));
       return kExitOk;
     }
     if (*verify) {
-      auto result = verifyStore(*opened->store);
-      if (!result) return failed(output, result.error());
+      auto result =
+          opened->hasModel() ? verifyStore(*opened->store) : verifyStoreWithoutModel(*opened->database);
+      if (!result) return unopened(output, result.error(), library->storeFile());
+      if (!opened->hasModel()) output.out << fmt::format("Model: {}\n", opened->modelSource);
       output.out << formatVerification(*result);
       return result->ok() ? kExitOk : kExitFailure;
     }
+    if (!opened->hasModel()) return failed(output, maintenanceError(deleteRulesUnknownText(*opened)));
     DeleteOptions options;
     options.dryRun = dryRun;
     Progress progress;
     std::unique_ptr<TerminalProgressBar> bar;
-    if (output.progress != nullptr && !dryRun) {
+    if (output.progress != nullptr) {
       bar = std::make_unique<TerminalProgressBar>(output.progress);
-      bar->setInfoText(fmt::format("Deleting {}", deleteEntity));
+      bar->setInfoText(dryRun ? fmt::format("Deleting {} from a scratch copy", deleteEntity)
+                              : fmt::format("Deleting {}", deleteEntity));
       progress.addObserver([&bar](const Progress& p) {
         if (p.totalUnitCount() > 0) bar->setMaximumIndicatorValue(static_cast<double>(p.totalUnitCount()));
         bar->setIndicatorValue(p.completedUnitCount());
@@ -188,7 +219,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     }
     auto outcome = deleteObjectsMatching(*opened->store, deleteEntity, deleteWhere, options, &progress);
     if (bar) bar->finish();
-    if (!outcome) return failed(output, outcome.error());
+    if (!outcome) return failed(output, outcome.error(), library->storeFile());
     output.out << formatDeleteOutcome(*outcome);
     return kExitOk;
   }
@@ -207,7 +238,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
       return usage(output, "mark takes either an entity with names or --uri, not both.");
     }
     auto opened = openMaintenanceStore(library->storeFile(), false);
-    if (!opened) return failed(output, opened.error());
+    if (!opened) return unopened(output, opened.error(), library->storeFile());
     std::vector<MarkedObject> marked;
     if (!markURIs.empty()) {
       for (const std::string& uri : markURIs) {
@@ -236,7 +267,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   }
 
   auto opened = openMaintenanceStore(library->storeFile(), true);
-  if (!opened) return failed(output, opened.error());
+  if (!opened) return unopened(output, opened.error(), library->storeFile());
   if (*status) {
     auto found = storeStatus(*opened->store, *library);
     if (!found) return failed(output, found.error());

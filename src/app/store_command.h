@@ -6,7 +6,9 @@
 //                   | inspect [--json] | delete ENTITY --where PREDICATE [--dry-run]
 //
 // Without --store the store is the one in the shared data library. Exit status: 0 done, 1 failed
-// (or, for verify, the store is damaged), 2 the command line was wrong.
+// (for verify: the store is damaged; for delete: refused, or a dry run found it would be), 2 the
+// command line was wrong, 3 the store could not be opened (no such file, a folder, not a store,
+// unreadable or locked) or the model given with --model is missing or does not fit it.
 #pragma once
 
 #include <cstdio>
@@ -14,7 +16,7 @@
 
 namespace tesselune {
 
-enum StoreCommandExit : int { kExitOk = 0, kExitFailure = 1, kExitUsage = 2 };
+enum StoreCommandExit : int { kExitOk = 0, kExitFailure = 1, kExitUsage = 2, kExitUnopened = 3 };
 
 // Where the command writes: results to `out`, messages to `err`, and a progress bar to `progress`
 // when it is not nullptr (the program passes standard error when that is a terminal).

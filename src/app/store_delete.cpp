@@ -2,12 +2,17 @@
 #include "app/store_delete.h"
 
 #include <fmt/format.h>
+#include <sqlite3.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "app/store_description.h"
 #include "app/store_maintenance.h"
@@ -104,6 +109,135 @@ std::vector<std::pair<std::string, std::int64_t>> positive(
   return out;
 }
 
+// The entities whose rows a delete of `start` may take: its hierarchy and, through cascades, every
+// hierarchy reached.
+std::set<const EntityDescription*> reachedEntities(const EntityDescription& start) {
+  std::set<const EntityDescription*> reached;
+  std::deque<const EntityDescription*> pending;
+  auto reach = [&](const EntityDescription& entity) {
+    std::vector<const EntityDescription*> hierarchy;
+    collectHierarchy(entity, hierarchy);
+    for (const EntityDescription* member : hierarchy) {
+      if (reached.insert(member).second) pending.push_back(member);
+    }
+  };
+  reach(start);
+  while (!pending.empty()) {
+    const EntityDescription* entity = pending.front();
+    pending.pop_front();
+    for (const auto& [name, relationship] : entity->relationshipsByName()) {
+      if (relationship->isTransient() || relationship->deleteRule() != DeleteRule::Cascade) continue;
+      if (const EntityDescription* destination = relationship->destinationEntity()) reach(*destination);
+    }
+  }
+  return reached;
+}
+
+// A copy of a store for a dry run, in the temporary folder; the copy and its journal files go with
+// it. Made with SQLite's backup from the open connection, so that a WAL store's latest writes and
+// nothing half-written come along, and the store itself is only read.
+class ScratchCopy {
+ public:
+  [[nodiscard]] static Expected<ScratchCopy> of(Database& source) {
+    std::error_code ec;
+    const std::filesystem::path folder = std::filesystem::temp_directory_path(ec);
+    std::string pattern = (folder / "tesselune-store-dry-run-XXXXXX").string();
+    const int descriptor = ::mkstemp(pattern.data());
+    if (descriptor < 0) {
+      return fail(maintenanceError(
+          fmt::format("A scratch copy of the store for the dry run cannot be made in {}: {}.",
+                      folder.string(), std::strerror(errno))));
+    }
+    ::close(descriptor);
+    ScratchCopy copy(pattern);
+    sqlite3* destination = nullptr;
+    int code = sqlite3_open_v2(pattern.c_str(), &destination, SQLITE_OPEN_READWRITE, nullptr);
+    if (code == SQLITE_OK) {
+      sqlite3_backup* backup = sqlite3_backup_init(destination, "main", source.handle(), "main");
+      if (backup == nullptr) {
+        code = sqlite3_errcode(destination);
+      } else {
+        code = sqlite3_backup_step(backup, -1);
+        const int finished = sqlite3_backup_finish(backup);
+        if (code == SQLITE_DONE) code = finished;
+      }
+    }
+    const std::string message = destination != nullptr ? sqlite3_errmsg(destination) : sqlite3_errstr(code);
+    sqlite3_close(destination);
+    if (code != SQLITE_OK) {
+      return fail(maintenanceError(fmt::format(
+          "A scratch copy of the store for the dry run cannot be made at {}: {}.", pattern, message)));
+    }
+    return copy;
+  }
+
+  ScratchCopy(ScratchCopy&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+  ScratchCopy& operator=(ScratchCopy&&) = delete;
+  ~ScratchCopy() {
+    if (path_.empty()) return;
+    std::error_code ec;
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+      std::filesystem::remove(path_.string() + suffix, ec);
+  }
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  explicit ScratchCopy(std::filesystem::path path) : path_(std::move(path)) {}
+  std::filesystem::path path_;
+};
+
+std::string referenceKey(const DanglingReference& d) {
+  return fmt::format("{}.{}.{}", d.table, d.column, d.missingEntity);
+}
+
+// Deletes the selected objects from `store` and tells what went, cascades included, and which keys
+// were left naming what went.
+Status deleteAndCount(SqliteStore& store, const EntityDescription& entity, const FetchRequest& request,
+                      Progress* progress, DeleteOutcome& outcome) {
+  const std::set<const EntityDescription*> reached = reachedEntities(entity);
+  auto danglingBefore = findDanglingReferences(store, &reached);
+  if (!danglingBefore) return fail(danglingBefore.error());
+  auto before = rowsPerEntity(store);
+  if (!before) return fail(before.error());
+  auto keys = compileFetch(store, request, FetchSelection::PrimaryKeys);
+  if (!keys) return fail(keys.error());
+  auto deleted = batchDeleteRows(store, entity, RowSelection{keys->sql, keys->bindings},
+                                 BatchDeleteRequestResultType::ResultTypeCount, progress);
+  if (!deleted) return fail(deleted.error());
+  auto after = rowsPerEntity(store);
+  if (!after) return fail(after.error());
+  std::map<std::string, std::int64_t> removed;
+  for (const auto& [name, count] : *before) {
+    const auto left = after->find(name);
+    removed[name] = count - (left == after->end() ? 0 : left->second);
+  }
+  outcome.removed = positive(removed);
+
+  auto danglingAfter = findDanglingReferences(store, &reached);
+  if (!danglingAfter) return fail(danglingAfter.error());
+  std::map<std::string, std::int64_t> earlier;
+  for (const DanglingReference& d : *danglingBefore) earlier[referenceKey(d)] = d.count;
+  for (DanglingReference& d : *danglingAfter) {
+    d.count -= earlier[referenceKey(d)];
+    if (d.count > 0) outcome.keysLeft.push_back(std::move(d));
+  }
+  return {};
+}
+
+// An error met on a scratch copy, told as the store itself would have told it.
+Error asIfOnTheStore(const Error& error, const std::filesystem::path& copy,
+                     const std::filesystem::path& store) {
+  std::string text = error.localizedDescription();
+  for (const auto& [from, to] : {std::pair{copy.string(), store.string()},
+                                 std::pair{copy.filename().string(), store.filename().string()}}) {
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+      text.replace(at, from.size(), to);
+    }
+  }
+  return Error(error.domain(), error.code(), std::move(text));
+}
+
 }  // namespace
 
 Expected<DeleteOutcome> deleteObjectsMatching(SqliteStore& store, std::string_view entityName,
@@ -150,24 +284,26 @@ Expected<DeleteOutcome> deleteObjectsMatching(SqliteStore& store, std::string_vi
               .absoluteString());
     }
   }
+  *statement = Statement();
   outcome.selected = positive(selected);
-  if (options.dryRun || outcome.selectedTotal == 0) return outcome;
+  if (outcome.selectedTotal == 0) return outcome;
 
-  auto before = rowsPerEntity(store);
-  if (!before) return fail(before.error());
-  auto keys = compileFetch(store, request, FetchSelection::PrimaryKeys);
-  if (!keys) return fail(keys.error());
-  auto deleted = batchDeleteRows(store, **entity, RowSelection{keys->sql, keys->bindings},
-                                 BatchDeleteRequestResultType::ResultTypeCount, progress);
-  if (!deleted) return fail(deleted.error());
-  auto after = rowsPerEntity(store);
-  if (!after) return fail(after.error());
-  std::map<std::string, std::int64_t> removed;
-  for (const auto& [name, count] : *before) {
-    const auto left = after->find(name);
-    removed[name] = count - (left == after->end() ? 0 : left->second);
+  if (!options.dryRun) {
+    if (auto done = deleteAndCount(store, **entity, request, progress, outcome); !done)
+      return fail(done.error());
+    return outcome;
   }
-  outcome.removed = positive(removed);
+  auto copy = ScratchCopy::of(store.database());
+  if (!copy) return fail(copy.error());
+  // The copy is opened with the store's own model, which outlives it.
+  const std::shared_ptr<const ManagedObjectModel> model(std::shared_ptr<void>(), &store.model());
+  auto scratch = SqliteStore::open(copy->path(), model, SqliteStore::Options{});
+  if (!scratch) return fail(asIfOnTheStore(scratch.error(), copy->path(), store.path()));
+  // Nothing of the copy needs to survive a crash.
+  (void)(*scratch)->database().execute("PRAGMA synchronous = OFF");
+  if (auto done = deleteAndCount(**scratch, **entity, request, progress, outcome); !done) {
+    return fail(asIfOnTheStore(done.error(), copy->path(), store.path()));
+  }
   return outcome;
 }
 
@@ -186,12 +322,21 @@ std::string formatDeleteOutcome(const DeleteOutcome& outcome) {
     out += "Delete rules:\n";
     for (const std::string& effect : outcome.ruleEffects) out += fmt::format("  {}\n", effect);
   }
-  if (!outcome.dryRun) {
-    if (outcome.removed.empty()) {
-      out += "Nothing was deleted.\n";
-    } else {
-      out += "Deleted:\n";
-      for (const auto& [name, count] : outcome.removed) out += fmt::format("  {} {}\n", count, name);
+  if (outcome.removed.empty()) {
+    out += outcome.dryRun ? "Nothing would be deleted.\n" : "Nothing was deleted.\n";
+  } else {
+    out += outcome.dryRun ? "Would delete, cascades included:\n" : "Deleted:\n";
+    for (const auto& [name, count] : outcome.removed) out += fmt::format("  {} {}\n", count, name);
+  }
+  if (!outcome.keysLeft.empty()) {
+    out += outcome.dryRun ? "Keys it would leave naming deleted objects:\n"
+                          : "Keys left naming deleted objects:\n";
+    for (const DanglingReference& d : outcome.keysLeft) {
+      out += fmt::format("  {}.{} ({}.{}): {} row(s) naming a deleted {}, {}\n", d.entity, d.relationship,
+                         d.table, d.column, d.count, d.missingEntity,
+                         d.withoutInverse ? "a relationship without an inverse (Core Data leaves these too; "
+                                            "verify lists them apart from damage)"
+                                          : "a delete rule of no action (verify reports these as damage)");
     }
   }
   return out;

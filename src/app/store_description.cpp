@@ -4,11 +4,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <set>
 #include <system_error>
 
 #include "app/report_listing.h"
+#include "app/store_catalog.h"
 #include "app/store_maintenance.h"
 #include "model/store_classes.h"
 
@@ -48,34 +50,97 @@ std::string printable(const Value& value) {
   }
 }
 
-std::string noModelText(const std::filesystem::path& storeFile, const Error& why) {
-  return fmt::format(
-      "No model fits the store at {}: {} Give the model it was made with: --model PATH (a .xcdatamodeld "
-      "folder, a .xcdatamodel folder or its contents file).",
-      storeFile.string(), why.localizedDescription());
+// Why the model a store keeps of itself cannot be used, in a few words.
+std::string cachedModelProblem(const Error& error) {
+  if (error.code() == kCoderValueNotFoundError) return "the store keeps no model of itself";
+  if (error.code() == kPersistentStoreIncompatibleVersionHashError) {
+    return "the model the store keeps of itself does not fit its version hashes";
+  }
+  return fmt::format("the model the store keeps of itself cannot be read ({})", error.localizedDescription());
+}
+
+// The entities whose version hashes keep a model from fitting a store.
+struct HashDifferences {
+  std::vector<std::string> differing;
+  std::vector<std::string> onlyInModel;
+  std::vector<std::string> onlyInStore;
+  std::size_t size() const { return differing.size() + onlyInModel.size() + onlyInStore.size(); }
+};
+
+HashDifferences hashDifferences(const ManagedObjectModel& model, const Dictionary& metadata) {
+  const auto hashes = metadata.find("NSStoreModelVersionHashes");
+  const Dictionary none;
+  const Dictionary& recorded =
+      hashes != metadata.end() && hashes->second.isDictionary() ? hashes->second.asDictionary() : none;
+  HashDifferences differences;
+  const auto computed = model.entityVersionHashes();
+  for (const auto& [name, hash] : computed) {
+    const auto theirs = recorded.find(name);
+    if (theirs == recorded.end()) {
+      differences.onlyInModel.push_back(name);
+    } else if (!theirs->second.isData() || !std::ranges::equal(theirs->second.asData(), hash)) {
+      differences.differing.push_back(name);
+    }
+  }
+  for (const auto& [name, hash] : recorded) {
+    if (!computed.contains(name)) differences.onlyInStore.push_back(name);
+  }
+  return differences;
+}
+
+// "the version hashes of Country, Mood differ from the store's; only in the model: Planet; only in
+// the store: Continent".
+std::string describe(const HashDifferences& differences) {
+  std::vector<std::string> parts;
+  if (!differences.differing.empty()) {
+    parts.push_back(fmt::format("the version hashes of {} differ from the store's",
+                                fmt::join(differences.differing, ", ")));
+  }
+  if (!differences.onlyInModel.empty())
+    parts.push_back(fmt::format("only in the model: {}", fmt::join(differences.onlyInModel, ", ")));
+  if (!differences.onlyInStore.empty())
+    parts.push_back(fmt::format("only in the store: {}", fmt::join(differences.onlyInStore, ", ")));
+  if (parts.empty()) return "its entity version hashes are not the store's";
+  return fmt::format("{}", fmt::join(parts, "; "));
 }
 
 // The model a user names; for a bundle of versions, the version whose hashes are the store's.
 Expected<std::pair<std::shared_ptr<const ManagedObjectModel>, std::string>> namedModel(
-    const std::filesystem::path& storeFile, const std::filesystem::path& modelFile) {
+    const std::filesystem::path& storeFile, const std::filesystem::path& modelFile,
+    const Dictionary& metadata) {
   std::error_code ec;
+  if (!std::filesystem::exists(modelFile, ec)) {
+    return fail(maintenanceError(
+        fmt::format("There is no model at {}: --model takes a .xcdatamodeld folder, a .xcdatamodel folder or "
+                    "its contents file.",
+                    modelFile.string())));
+  }
   if (std::filesystem::is_directory(modelFile, ec) && modelFile.extension() == ".xcdatamodeld") {
-    auto metadata = SqliteStore::metadataForPersistentStoreAtPath(storeFile);
-    if (!metadata) return fail(metadata.error());
     auto versions = ManagedObjectModel::modelVersionsInBundle(modelFile);
     if (!versions) return fail(versions.error());
-    for (const auto& [name, model] : *versions) {
-      if (model->isCompatibleWithStoreMetadata(*metadata)) {
-        return std::pair{model, fmt::format("{} (version \"{}\")", modelFile.string(), name)};
+    std::optional<std::pair<std::string, HashDifferences>> closest;
+    for (const auto& [name, version] : *versions) {
+      if (version->isCompatibleWithStoreMetadata(metadata)) {
+        return std::pair{version, fmt::format("{} (version \"{}\")", modelFile.string(), name)};
       }
+      HashDifferences differences = hashDifferences(*version, metadata);
+      if (!closest || differences.size() < closest->second.size())
+        closest.emplace(name, std::move(differences));
     }
     return fail(maintenanceError(fmt::format(
-        "None of the {} model versions in {} fits the store at {}: their entity version hashes differ "
-        "from the store's.",
-        versions->size(), modelFile.string(), storeFile.string())));
+        "None of the {} model versions in {} fits the store at {}{}.", versions->size(), modelFile.string(),
+        storeFile.string(),
+        !closest
+            ? ""
+            : fmt::format(": the closest, \"{}\", differs: {}", closest->first, describe(closest->second)))));
   }
   auto model = ManagedObjectModel::modelWithContentsOfFile(modelFile);
   if (!model) return fail(model.error());
+  if (!(*model)->isCompatibleWithStoreMetadata(metadata)) {
+    return fail(
+        maintenanceError(fmt::format("The model {} does not fit the store at {}: {}.", modelFile.string(),
+                                     storeFile.string(), describe(hashDifferences(**model, metadata)))));
+  }
   return std::pair{*model, modelFile.string()};
 }
 
@@ -141,43 +206,49 @@ std::string deleteRuleName(DeleteRule rule) {
 Expected<OpenedStore> openStoreWithModel(const std::filesystem::path& storeFile,
                                          const std::optional<std::filesystem::path>& modelFile,
                                          bool readOnly) {
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(storeFile, ec)) {
-    return fail(maintenanceError(
-        fmt::format("There is no store at {}. Make one with `tesselune-store create`.", storeFile.string())));
-  }
+  if (auto present = checkStoreFile(storeFile); !present) return fail(present.error());
+  auto metadata = SqliteStore::metadataForPersistentStoreAtPath(storeFile);
+  if (!metadata) return fail(metadata.error());
   OpenedStore opened;
   if (modelFile) {
-    auto named = namedModel(storeFile, *modelFile);
+    auto named = namedModel(storeFile, *modelFile, *metadata);
     if (!named) return fail(named.error());
     opened.model = std::move(named->first);
     opened.modelSource = std::move(named->second);
-  } else {
-    auto metadata = SqliteStore::metadataForPersistentStoreAtPath(storeFile);
-    if (!metadata) return fail(metadata.error());
+  } else if (auto own = loadStoreModel(); own && (*own)->isCompatibleWithStoreMetadata(*metadata)) {
     // The program's own store is read with the model the program writes it with; a store without a
     // cached model of its own can still be opened that way.
-    if (auto own = loadStoreModel(); own && (*own)->isCompatibleWithStoreMetadata(*metadata)) {
-      opened.model = std::move(*own);
-      opened.modelSource = "the Tesselune store model";
-    } else {
-      auto cached = ManagedObjectModel::modelFromStore(storeFile);
-      if (!cached) return fail(maintenanceError(noModelText(storeFile, cached.error())));
-      opened.model = std::move(*cached);
-      opened.modelSource = "the model cached in the store";
-    }
+    opened.model = std::move(*own);
+    opened.modelSource = "the Tesselune store model";
+  } else if (auto cached = ManagedObjectModel::modelFromStore(storeFile); cached) {
+    opened.model = std::move(*cached);
+    opened.modelSource = "the model cached in the store";
+  } else {
+    auto database = Database::open(storeFile, Database::Mode::ReadOnly);
+    if (!database) return fail(database.error());
+    // Only a store with its list of entities can be described without a model.
+    if (auto catalog = StoreCatalog::read(**database); !catalog) return fail(catalog.error());
+    opened.database = std::move(*database);
+    opened.modelSource = "none: " + cachedModelProblem(cached.error());
+    return opened;
   }
   SqliteStore::Options options;
   options.readOnly = readOnly;
   auto store = SqliteStore::open(storeFile, opened.model, options);
-  if (!store) {
-    if (modelFile && store.error().code() == kPersistentStoreIncompatibleVersionHashError) {
-      return fail(maintenanceError(noModelText(storeFile, store.error())));
-    }
-    return fail(store.error());
-  }
+  if (!store) return fail(store.error());
   opened.store = std::move(*store);
   return opened;
+}
+
+std::string deleteRulesUnknownText(const OpenedStore& opened) {
+  std::string why = opened.modelSource;
+  if (why.starts_with("none: ")) why.erase(0, 6);
+  const std::filesystem::path path =
+      opened.database != nullptr ? opened.database->path() : std::filesystem::path();
+  return fmt::format(
+      "The delete rules of the store at {} are unknown: {}. Give the model it was made with: --model PATH (a "
+      ".xcdatamodeld folder, a .xcdatamodel folder or its contents file).",
+      path.string(), why);
 }
 
 Expected<std::map<std::string, std::int64_t>> rowsPerEntity(SqliteStore& store) {
@@ -204,35 +275,69 @@ Expected<std::map<std::string, std::int64_t>> rowsPerEntity(SqliteStore& store) 
   return ownRows;
 }
 
-Expected<StoreInspection> inspectStore(SqliteStore& store, const std::string& modelSource) {
-  StoreInspection result;
-  result.path = store.path().string();
-  result.modelSource = modelSource;
-  result.identifier = store.identifier().string();
-  Database& database = store.database();
+namespace {
 
+// What is told of any store alike: its file, metadata and journal mode, and (by `knownTables`) the
+// tables and triggers of the store that its entities do not explain.
+Status describeFile(Database& database, const Dictionary& metadata, const std::set<std::string>& knownTables,
+                    StoreInspection& result) {
+  result.path = database.path().string();
+  if (auto uuid = metadata.find("NSStoreUUID"); uuid != metadata.end() && uuid->second.isString()) {
+    result.identifier = uuid->second.asString();
+  }
   auto journal = database.prepare("PRAGMA journal_mode");
   if (!journal) return fail(journal.error());
   if (auto row = journal->step(); !row) return fail(row.error());
   result.journalMode = journal->text(0);
 
-  for (const auto& [key, value] : store.metadata()) result.metadata.emplace_back(key, printable(value));
+  for (const auto& [key, value] : metadata) result.metadata.emplace_back(key, printable(value));
   for (const char* suffix : {"", "-wal", "-shm"}) {
     const std::filesystem::path file = result.path + suffix;
     std::error_code ec;
     if (std::filesystem::exists(file, ec)) result.files.emplace_back(file.string(), fileSize(file));
   }
 
-  auto rows = rowsPerEntity(store);
-  if (!rows) return fail(rows.error());
-  const std::map<std::string, std::int64_t>& ownRows = *rows;
+  auto tables = namesInSchema(database, "table");
+  if (!tables) return fail(tables.error());
+  static const std::set<std::string, std::less<>> kBookkeeping = {"Z_METADATA", "Z_MODELCACHE",
+                                                                  "Z_PRIMARYKEY"};
+  for (std::string& table : *tables) {
+    if (knownTables.contains(table) || kBookkeeping.contains(table) || table.starts_with("sqlite_")) continue;
+    result.otherTables.push_back(std::move(table));
+  }
+  auto triggers = namesInSchema(database, "trigger");
+  if (!triggers) return fail(triggers.error());
+  result.triggers = std::move(*triggers);
+  return {};
+}
+
+std::string storeHash(const Dictionary& metadata, const std::string& entity) {
+  const auto hashes = metadata.find("NSStoreModelVersionHashes");
+  if (hashes == metadata.end() || !hashes->second.isDictionary()) return {};
+  const Value& stored = hashes->second[entity];
+  return stored.isData() ? hex(stored.asData()) : std::string();
+}
+
+bool isJoinTableName(std::string_view table) {
+  return table.size() > 2 && table.starts_with("Z_") && std::isdigit(static_cast<unsigned char>(table[2]));
+}
+
+}  // namespace
+
+Expected<StoreInspection> inspectStore(SqliteStore& store, const std::string& modelSource) {
+  StoreInspection result;
+  result.modelSource = modelSource;
   std::set<std::string> modelTables;
   for (const auto& entity : store.model().entities()) modelTables.insert(SqliteStore::tableName(*entity));
   for (const TableSchema& table : store.schema().tables()) modelTables.insert(table.name);
+  if (auto s = describeFile(store.database(), store.metadata(), modelTables, result); !s)
+    return fail(s.error());
+
+  auto rows = rowsPerEntity(store);
+  if (!rows) return fail(rows.error());
+  const std::map<std::string, std::int64_t>& ownRows = *rows;
 
   const auto hashes = store.model().entityVersionHashes();
-  const auto hashEntry = store.metadata().find("NSStoreModelVersionHashes");
-  const Value storeHashes = hashEntry == store.metadata().end() ? Value() : hashEntry->second;
   for (const auto& entity : store.model().entities()) {
     EntitySummary summary;
     summary.name = entity->name();
@@ -243,9 +348,7 @@ Expected<StoreInspection> inspectStore(SqliteStore& store, const std::string& mo
     if (auto it = ownRows.find(entity->name()); it != ownRows.end()) summary.rows = it->second;
     addHierarchyRows(*entity, ownRows, summary.rowsWithSubentities);
     if (auto it = hashes.find(entity->name()); it != hashes.end()) summary.versionHash = hex(it->second);
-    if (const Value& stored = storeHashes[entity->name()]; stored.isData()) {
-      summary.storeVersionHash = hex(stored.asData());
-    }
+    summary.storeVersionHash = storeHash(store.metadata(), entity->name());
     for (const auto& property : entity->ownProperties()) {
       if (!property->isRelationship() || property->isTransient()) continue;
       const auto& relationship = static_cast<const RelationshipDescription&>(*property);
@@ -256,18 +359,59 @@ Expected<StoreInspection> inspectStore(SqliteStore& store, const std::string& mo
     }
     result.entities.push_back(std::move(summary));
   }
+  return result;
+}
 
+Expected<StoreInspection> inspectStoreWithoutModel(Database& database, const std::string& modelSource) {
+  auto metadata = SqliteStore::metadataForPersistentStoreAtPath(database.path());
+  if (!metadata) return fail(metadata.error());
+  auto catalog = StoreCatalog::read(database);
+  if (!catalog) return fail(catalog.error());
+  StoreInspection result;
+  result.modelSource = modelSource;
+  result.deleteRulesKnown = false;
+
+  // Join tables of many-to-many relationships are known by their form alone.
+  std::set<std::string> entityTables;
+  for (const CatalogEntity& entity : catalog->entities()) entityTables.insert(catalog->tableOf(entity));
   auto tables = namesInSchema(database, "table");
   if (!tables) return fail(tables.error());
-  static const std::set<std::string, std::less<>> kBookkeeping = {"Z_METADATA", "Z_MODELCACHE",
-                                                                  "Z_PRIMARYKEY"};
-  for (std::string& table : *tables) {
-    if (modelTables.contains(table) || kBookkeeping.contains(table) || table.starts_with("sqlite_")) continue;
-    result.otherTables.push_back(std::move(table));
+  std::set<std::string> known = entityTables;
+  for (const std::string& table : *tables) {
+    if (isJoinTableName(table)) known.insert(table);
   }
-  auto triggers = namesInSchema(database, "trigger");
-  if (!triggers) return fail(triggers.error());
-  result.triggers = std::move(*triggers);
+  if (auto s = describeFile(database, *metadata, known, result); !s) return fail(s.error());
+
+  // One pass over each table counts the objects of every entity sharing it.
+  std::map<std::int64_t, std::int64_t> ownRows;
+  for (const std::string& table : entityTables) {
+    if (std::find(tables->begin(), tables->end(), table) == tables->end()) continue;
+    auto counts = database.prepare(fmt::format("SELECT Z_ENT, COUNT(*) FROM {} GROUP BY Z_ENT", table));
+    if (!counts) return fail(counts.error());
+    while (true) {
+      auto row = counts->step();
+      if (!row) return fail(row.error());
+      if (!*row) break;
+      if (!counts->isNull(0)) ownRows[counts->integer(0)] += counts->integer(1);
+    }
+  }
+  for (const CatalogEntity& entity : catalog->entities()) {
+    EntitySummary summary;
+    summary.name = entity.name;
+    const CatalogEntity* parent = entity.superNumber != 0 ? catalog->entity(entity.superNumber) : nullptr;
+    if (parent != nullptr) summary.superentity = parent->name;
+    summary.number = entity.number;
+    summary.table = catalog->tableOf(entity);
+    if (auto it = ownRows.find(entity.number); it != ownRows.end()) summary.rows = it->second;
+    for (const CatalogEntity* member : catalog->hierarchy(entity)) {
+      if (auto it = ownRows.find(member->number); it != ownRows.end())
+        summary.rowsWithSubentities += it->second;
+    }
+    summary.storeVersionHash = storeHash(*metadata, entity.name);
+    result.entities.push_back(std::move(summary));
+  }
+  std::sort(result.entities.begin(), result.entities.end(),
+            [](const EntitySummary& a, const EntitySummary& b) { return a.name < b.name; });
   return result;
 }
 
@@ -280,6 +424,9 @@ std::string formatInspection(const StoreInspection& inspection) {
   }
   out += "Metadata:\n";
   for (const auto& [key, value] : inspection.metadata) out += fmt::format("  {}: {}\n", key, value);
+  if (!inspection.deleteRulesKnown) {
+    out += "Relationships and delete rules: unknown without a model (give it with --model PATH)\n";
+  }
   out += "Entities:\n";
   for (const EntitySummary& entity : inspection.entities) {
     std::string kind =
@@ -291,7 +438,7 @@ std::string formatInspection(const StoreInspection& inspection) {
       out += fmt::format(", {} with its sub-entities", entity.rowsWithSubentities);
     }
     out += '\n';
-    if (entity.versionHash != entity.storeVersionHash) {
+    if (!entity.versionHash.empty() && entity.versionHash != entity.storeVersionHash) {
       out += fmt::format("    version hash {} differs from the store's {}\n", entity.versionHash,
                          entity.storeVersionHash.empty() ? "(none)" : entity.storeVersionHash);
     }
@@ -315,10 +462,11 @@ std::string inspectionJson(const StoreInspection& inspection) {
     for (const auto& item : items) quoted.push_back(jsonString(item));
     return fmt::format("[{}]", fmt::join(quoted, ", "));
   };
-  std::string out =
-      fmt::format("{{\"store\": {}, \"model\": {}, \"uuid\": {}, \"journalMode\": {}, \"files\": {{",
-                  jsonString(inspection.path), jsonString(inspection.modelSource),
-                  jsonString(inspection.identifier), jsonString(inspection.journalMode));
+  std::string out = fmt::format(
+      "{{\"store\": {}, \"model\": {}, \"deleteRulesKnown\": {}, \"uuid\": {}, \"journalMode\": {}, "
+      "\"files\": {{",
+      jsonString(inspection.path), jsonString(inspection.modelSource), inspection.deleteRulesKnown,
+      jsonString(inspection.identifier), jsonString(inspection.journalMode));
   for (std::size_t i = 0; i < inspection.files.size(); ++i) {
     out += fmt::format("{}{}: {}", i == 0 ? "" : ", ", jsonString(inspection.files[i].first),
                        inspection.files[i].second);
@@ -336,7 +484,8 @@ std::string inspectionJson(const StoreInspection& inspection) {
         "\"rows\": {}, \"rowsWithSubentities\": {}, \"versionHash\": {}, \"storeVersionHash\": {}, "
         "\"relationships\": [",
         i == 0 ? "" : ", ", jsonString(e.name), e.superentity.empty() ? "null" : jsonString(e.superentity),
-        e.isAbstract, e.number, jsonString(e.table), e.rows, e.rowsWithSubentities, jsonString(e.versionHash),
+        e.isAbstract, e.number, jsonString(e.table), e.rows, e.rowsWithSubentities,
+        e.versionHash.empty() ? "null" : jsonString(e.versionHash),
         e.storeVersionHash.empty() ? "null" : jsonString(e.storeVersionHash));
     for (std::size_t k = 0; k < e.relationships.size(); ++k) {
       const RelationshipSummary& r = e.relationships[k];

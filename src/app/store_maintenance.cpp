@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <fstream>
 #include <system_error>
 
 #include "app/report_listing.h"
@@ -71,18 +72,52 @@ std::uintmax_t fileSize(const std::filesystem::path& path) {
   return ec ? 0 : size;
 }
 
+// The names of the SQLite files directly in `folder` (by their first bytes), a few at most.
+std::vector<std::string> sqliteFilesIn(const std::filesystem::path& folder) {
+  static constexpr std::string_view kHeader{"SQLite format 3\0", 16};
+  constexpr std::size_t kMostNamed = 3;
+  constexpr std::size_t kMostLookedAt = 200;
+  std::vector<std::string> names;
+  std::error_code ec;
+  std::size_t looked = 0;
+  for (auto it = std::filesystem::directory_iterator(folder, ec);
+       !ec && it != std::filesystem::directory_iterator() && looked < kMostLookedAt;
+       it.increment(ec), ++looked) {
+    std::error_code typeError;
+    if (!it->is_regular_file(typeError)) continue;
+    std::ifstream in(it->path(), std::ios::binary);
+    std::string header(kHeader.size(), '\0');
+    if (!in.read(header.data(), static_cast<std::streamsize>(header.size())) || header != kHeader) continue;
+    names.push_back(it->path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  if (names.size() > kMostNamed) names.resize(kMostNamed);
+  return names;
+}
+
 }  // namespace
 
 Error maintenanceError(std::string text) {
   return Error{std::string(kMaintenanceErrorDomain), 1, std::move(text)};
 }
 
-Expected<MaintenanceStore> openMaintenanceStore(const std::filesystem::path& storeFile, bool readOnly) {
+Status checkStoreFile(const std::filesystem::path& storeFile) {
   std::error_code ec;
+  if (std::filesystem::is_directory(storeFile, ec)) {
+    const auto inside = sqliteFilesIn(storeFile);
+    return fail(maintenanceError(fmt::format(
+        "{} is a folder, not a store file: give the store file itself with --store{}.", storeFile.string(),
+        inside.empty() ? "" : fmt::format(" (the folder holds {})", fmt::join(inside, ", ")))));
+  }
   if (!std::filesystem::is_regular_file(storeFile, ec)) {
     return fail(maintenanceError(
         fmt::format("There is no store at {}. Make one with `tesselune-store create`.", storeFile.string())));
   }
+  return {};
+}
+
+Expected<MaintenanceStore> openMaintenanceStore(const std::filesystem::path& storeFile, bool readOnly) {
+  if (auto present = checkStoreFile(storeFile); !present) return fail(present.error());
   auto model = loadStoreModel();
   if (!model) return fail(model.error());
   SqliteStore::Options options;
@@ -94,6 +129,8 @@ Expected<MaintenanceStore> openMaintenanceStore(const std::filesystem::path& sto
 
 Expected<MaintenanceStore> createStore(const DataLibrary& library) {
   std::error_code ec;
+  if (std::filesystem::is_directory(library.storeFile(), ec))
+    return fail(checkStoreFile(library.storeFile()).error());
   if (std::filesystem::exists(library.storeFile(), ec)) {
     return fail(maintenanceError(fmt::format("A store already exists at {}.", library.storeFile().string())));
   }

@@ -29,6 +29,10 @@ struct MaintenanceStore {
   std::unique_ptr<SqliteStore> store;
 };
 
+// Succeeds when a file is at `storeFile`; otherwise fails with one line for people: there is no store
+// (and how to make one), or the path is a folder (naming the SQLite files in it).
+[[nodiscard]] Status checkStoreFile(const std::filesystem::path& storeFile);
+
 // Opens the store file with the current store model. Fails with a clear text when the file is
 // missing; read-only stores are never changed, not even their journal mode.
 [[nodiscard]] Expected<MaintenanceStore> openMaintenanceStore(const std::filesystem::path& storeFile,

@@ -1,7 +1,6 @@
 // The maintenance command on stores Core Data wrote for other programs: inspecting them without their
 // model files, and deleting from copies of them without leaving anything Core Data would trip over.
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -18,6 +17,7 @@
 #include "app/store_verification.h"
 #include "fixtures.h"
 #include "objectstore/description/managed_object_model.h"
+#include "store_files.h"
 
 namespace tesselune {
 namespace {
@@ -27,69 +27,9 @@ using test::copyFixtureStore;
 using test::scratchFolder;
 using test::storesWithTheirModels;
 
-// Plain SQL on a store copy, apart from the engine, to check what the command left.
-class Sql {
- public:
-  explicit Sql(const fs::path& path) {
-    if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) ADD_FAILURE() << sqlite3_errmsg(db_);
-  }
-  ~Sql() { sqlite3_close(db_); }
-  Sql(const Sql&) = delete;
-  Sql& operator=(const Sql&) = delete;
-
-  void run(const std::string& sql) {
-    char* message = nullptr;
-    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
-      ADD_FAILURE() << sql << ": " << (message ? message : "");
-    }
-    sqlite3_free(message);
-  }
-  // The rows of a query, each column as text ("NULL" for null).
-  std::vector<std::vector<std::string>> rows(const std::string& sql) {
-    std::vector<std::vector<std::string>> out;
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-      ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db_);
-      return out;
-    }
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-      std::vector<std::string> row;
-      for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-        const unsigned char* text = sqlite3_column_text(statement, i);
-        row.emplace_back(text ? reinterpret_cast<const char*>(text) : "NULL");
-      }
-      out.push_back(std::move(row));
-    }
-    sqlite3_finalize(statement);
-    return out;
-  }
-  std::string value(const std::string& sql) {
-    auto all = rows(sql);
-    return all.empty() || all.front().empty() ? "" : all.front().front();
-  }
-
- private:
-  sqlite3* db_ = nullptr;
-};
-
-struct CommandResult {
-  int exitCode;
-  std::string out;
-  std::string err;
-};
-
-CommandResult runCommand(const fs::path& store, std::vector<std::string> arguments,
-                         std::FILE* progress = nullptr) {
-  std::vector<std::string> line = {"tesselune-store", "--store", store.string()};
-  line.insert(line.end(), arguments.begin(), arguments.end());
-  std::vector<const char*> argv;
-  for (const auto& argument : line) argv.push_back(argument.c_str());
-  std::ostringstream out;
-  std::ostringstream err;
-  const int code =
-      runStoreCommand(static_cast<int>(argv.size()), argv.data(), CommandOutput{out, err, progress});
-  return {code, out.str(), err.str()};
-}
+using testing::CommandResult;
+using testing::runCommand;
+using testing::Sql;
 
 // Z_PRIMARYKEY as it is: no delete may move a key counter.
 std::vector<std::vector<std::string>> keyCounters(const fs::path& store) {
@@ -180,25 +120,33 @@ TEST(ForeignStore, InspectCountsSubEntitiesAndPrintsTextAndJson) {
   EXPECT_NE(json.out.find("\"NSStoreType\": \"SQLite\""), std::string::npos);
 }
 
-TEST(ForeignStore, AStoreWithoutItsModelAsksForOneAndTakesTheFittingVersion) {
+TEST(ForeignStore, AStoreWithoutItsModelIsDescribedFromItsOwnListOrWithTheFittingVersion) {
   const fs::path store = copyFixtureStore("coredata/moody/stores/Moody 2.moody", scratchFolder("nomodel"));
   Sql(store).run("DELETE FROM Z_MODELCACHE");
-  for (const char* command : {"inspect", "verify"}) {
-    const CommandResult result = runCommand(store, {command});
-    EXPECT_EQ(result.exitCode, kExitFailure) << command;
-    EXPECT_NE(result.err.find("No model fits the store"), std::string::npos) << result.err;
-    EXPECT_NE(result.err.find("--model PATH"), std::string::npos) << result.err;
-  }
+  const CommandResult inspected = runCommand(store, {"inspect"});
+  ASSERT_EQ(inspected.exitCode, kExitOk) << inspected.err;
+  EXPECT_NE(inspected.out.find("Model: none: the store keeps no model of itself\n"), std::string::npos)
+      << inspected.out;
+  EXPECT_NE(
+      inspected.out.find("Country (Z_ENT 3, table ZGEOGRAPHICREGION, sub-entity of GeographicRegion): "),
+      std::string::npos);
+  const CommandResult verified = runCommand(store, {"verify"});
+  EXPECT_EQ(verified.exitCode, kExitOk) << verified.out;
+  const CommandResult refused = runCommand(store, {"delete", "Mood", "--where", "TRUEPREDICATE"});
+  EXPECT_EQ(refused.exitCode, kExitFailure);
+  EXPECT_NE(refused.err.find("--model PATH"), std::string::npos) << refused.err;
 
-  // A damaged cache is no model either: the same advice, never a crash.
+  // A damaged cache is no model either: described all the same, never a crash, and it says why.
   for (const char* damage : {"UPDATE Z_MODELCACHE SET Z_CONTENT = X'FFFFFFFF00'",
                              "UPDATE Z_MODELCACHE SET Z_CONTENT = substr(Z_CONTENT, 1, 200)"}) {
     const fs::path damaged =
         copyFixtureStore("coredata/moody/stores/Moody 3.moody", scratchFolder("damaged"));
     Sql(damaged).run(damage);
     const CommandResult result = runCommand(damaged, {"inspect"});
-    EXPECT_EQ(result.exitCode, kExitFailure) << damage;
-    EXPECT_NE(result.err.find("--model PATH"), std::string::npos) << result.err;
+    EXPECT_EQ(result.exitCode, kExitOk) << damage << result.err;
+    EXPECT_NE(result.out.find("Model: none: the model the store keeps of itself cannot be read ("),
+              std::string::npos)
+        << result.out;
   }
 
   const std::string bundle = std::string(TESSELUNE_FIXTURES_DIR) + "/coredata/moody/Moody.xcdatamodeld";
@@ -207,10 +155,13 @@ TEST(ForeignStore, AStoreWithoutItsModelAsksForOneAndTakesTheFittingVersion) {
   EXPECT_NE(chosen.out.find("(version \"Moody 2\")"), std::string::npos) << chosen.out;
   EXPECT_EQ(runCommand(store, {"--model", bundle, "verify"}).exitCode, kExitOk);
 
-  // A single version that does not fit is refused with the same advice, not opened.
+  // A single version that does not fit is refused, naming what differs, not opened.
   const CommandResult wrong = runCommand(store, {"--model", bundle + "/Moody 5.xcdatamodel", "inspect"});
-  EXPECT_EQ(wrong.exitCode, kExitFailure);
-  EXPECT_NE(wrong.err.find("--model PATH"), std::string::npos) << wrong.err;
+  EXPECT_EQ(wrong.exitCode, kExitUnopened);
+  EXPECT_NE(wrong.err.find(": the version hashes of Country differ from the store's; only in the "
+                           "store: Continent, GeographicRegion.\n"),
+            std::string::npos)
+      << wrong.err;
 }
 
 TEST(ForeignStore, DeletingCountriesFromEveryMoodyStoreKeepsItSound) {

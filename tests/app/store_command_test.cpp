@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <limits>
 #include <sstream>
 
@@ -12,6 +14,8 @@
 #include "app/terminal_progress_bar.h"
 #include "app_test_support.h"
 #include "deletion/deletion_report.h"
+#include "fixtures.h"
+#include "store_files.h"
 
 namespace tesselune {
 namespace {
@@ -84,12 +88,12 @@ TEST_F(StoreCommandTest, EverySubcommandHasHelp) {
 }
 
 TEST_F(StoreCommandTest, CommandsOnAMissingStoreFailWithAHint) {
-  for (const char* subcommand : {"status", "verify"}) {
+  for (const char* subcommand : {"status", "verify", "inspect"}) {
     const CommandResult result = run({subcommand});
-    EXPECT_EQ(result.exitCode, kExitFailure) << subcommand;
+    EXPECT_EQ(result.exitCode, kExitUnopened) << subcommand;
     EXPECT_NE(result.err.find("There is no store at"), std::string::npos) << result.err;
   }
-  EXPECT_EQ(run({"mark", "chromatogram", "Chromatogram 1"}).exitCode, kExitFailure);
+  EXPECT_EQ(run({"mark", "chromatogram", "Chromatogram 1"}).exitCode, kExitUnopened);
   // Reports need no store: the folder is simply empty.
   const CommandResult report = run({"report"});
   EXPECT_EQ(report.exitCode, kExitOk);
@@ -187,6 +191,184 @@ TEST_F(StoreCommandTest, TheExecutableWorksOnTheDefaultLibrary) {
   const auto wrong =
       testing::runProcess(TESSELUNE_STORE_COMMAND, {"status", "extra"}, environment, home_.root());
   EXPECT_EQ(wrong.exitCode, 2);
+}
+
+// Every way a store file can be unusable, for every command that opens one: one line on standard
+// error, the status for a store that could not be opened (or, for a damaged model cache, work
+// without a model), and the file's bytes as they were.
+TEST(StoreCommandInput, BadStoreFilesGiveOneLineAStatusAndStayAsTheyWere) {
+  namespace fs = std::filesystem;
+  const fs::path folder = test::scratchFolder("bad-input");
+  const std::string moody =
+      testing::fileBytes(fs::path(TESSELUNE_FIXTURES_DIR) / "coredata/moody/stores/Moody.moody");
+  ASSERT_GT(moody.size(), 80000u);
+  std::string random(8192, '\0');
+  std::uint32_t seed = 12345;
+  for (char& c : random) {
+    seed = seed * 1664525u + 1013904223u;
+    c = static_cast<char>(seed >> 24);
+  }
+  struct Case {
+    std::string name;
+    std::string bytes;
+    int inspectAndVerify;  // the status of inspect and verify
+    std::string says;
+  };
+  const std::vector<Case> cases = {
+      {"empty", "", kExitUnopened, "isn’t a store: it has no table Z_METADATA"},
+      {"random", random, kExitUnopened, "isn’t in the correct format"},
+      {"header only", moody.substr(0, 100), kExitUnopened, "isn’t in the correct format"},
+      {"truncated", moody.substr(0, moody.size() - 4096), kExitUnopened, "isn’t in the correct format"},
+  };
+  const std::vector<std::vector<std::string>> commands = {
+      {"inspect"},
+      {"verify"},
+      {"status"},
+      {"delete", "Mood", "--where", "TRUEPREDICATE"},
+      {"delete", "Mood", "--where", "TRUEPREDICATE", "--dry-run"},
+  };
+  for (const Case& c : cases) {
+    const fs::path store = folder / (c.name + ".sqlite");
+    std::ofstream(store, std::ios::binary) << c.bytes;
+    for (const auto& command : commands) {
+      SCOPED_TRACE(c.name + " / " + ::testing::PrintToString(command));
+      const testing::CommandResult result = testing::runCommand(store, command);
+      EXPECT_EQ(result.exitCode, kExitUnopened);
+      EXPECT_EQ(result.out, "");
+      EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+      EXPECT_TRUE(result.err.starts_with("tesselune-store: ")) << result.err;
+      EXPECT_NE(result.err.find(c.says), std::string::npos) << result.err;
+      EXPECT_EQ(testing::fileBytes(store), c.bytes);
+    }
+  }
+
+  // A folder given as the store names the store files in it.
+  for (const auto& command : commands) {
+    const testing::CommandResult result = testing::runCommand(folder, command);
+    EXPECT_EQ(result.exitCode, kExitUnopened);
+    EXPECT_EQ(result.err,
+              "tesselune-store: " + folder.string() +
+                  " is a folder, not a store file: give the store file itself with --store (the folder "
+                  "holds header only.sqlite, truncated.sqlite).\n");
+  }
+
+  const testing::CommandResult create = testing::runCommand(folder, {"create"});
+  EXPECT_EQ(create.exitCode, kExitFailure);
+  EXPECT_TRUE(
+      create.err.starts_with("tesselune-store: " + folder.string() + " is a folder, not a store file"))
+      << create.err;
+
+  // A damaged model cache leaves a store to be described without a model; delete wants one.
+  const fs::path cached =
+      test::copyFixtureStore("coredata/moody/stores/Moody.moody", test::scratchFolder("cache"));
+  testing::Sql(cached).run("UPDATE Z_MODELCACHE SET Z_CONTENT = X'00112233445566778899'");
+  const std::string before = testing::fileBytes(cached);
+  for (const auto& command : commands) {
+    SCOPED_TRACE(::testing::PrintToString(command));
+    const testing::CommandResult result = testing::runCommand(cached, command);
+    if (command.front() == "status") {
+      EXPECT_EQ(result.exitCode, kExitUnopened) << "not a store of the Tesselune model";
+    } else if (command.front() == "delete") {
+      EXPECT_EQ(result.exitCode, kExitFailure);
+      EXPECT_NE(result.err.find("are unknown: the model the store keeps of itself cannot be read ("),
+                std::string::npos)
+          << result.err;
+    } else {
+      EXPECT_EQ(result.exitCode, kExitOk) << result.err;
+    }
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), result.exitCode == kExitOk ? 0 : 1);
+    EXPECT_EQ(testing::fileBytes(cached), before);
+  }
+}
+
+// A store whose pages are damaged where opening does not look still opens: verify calls it damaged
+// (1), not unopened (3), and a dry run of a delete that meets the damage fails as the delete would.
+TEST(StoreCommandInput, DamageInsideAnOpenedStoreIsDamageNotAFileThatCannotBeOpened) {
+  namespace fs = std::filesystem;
+  const fs::path store =
+      test::copyFixtureStore("coredata/moody/stores/Moody.moody", test::scratchFolder("pages"));
+  const std::string page = testing::Sql(store).value(
+      "SELECT rootpage FROM sqlite_master WHERE name = 'ZMOOD_ZREMOTEIDENTIFIER_INDEX'");
+  ASSERT_FALSE(page.empty());
+  {
+    std::fstream file(store, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp((std::stoll(page) - 1) * 4096 + 8);
+    const std::string garbage(64, '\xff');
+    file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
+  }
+  const std::string before = testing::fileBytes(store);
+  const testing::CommandResult verified = testing::runCommand(store, {"verify"});
+  EXPECT_EQ(verified.exitCode, kExitFailure);
+  EXPECT_TRUE(verified.out.starts_with("SQLite integrity: damaged\n")) << verified.out;
+  EXPECT_NE(verified.out.find("\n  row 1 missing from index ZMOOD_ZREMOTEIDENTIFIER_INDEX\n"),
+            std::string::npos)
+      << verified.out;
+  EXPECT_TRUE(verified.out.ends_with("The store is damaged.\n"));
+  EXPECT_EQ(testing::runCommand(store, {"inspect"}).exitCode, kExitOk);
+  const testing::CommandResult dry =
+      testing::runCommand(store, {"delete", "Mood", "--where", "TRUEPREDICATE", "--dry-run"});
+  EXPECT_EQ(dry.exitCode, kExitFailure);
+  EXPECT_NE(dry.err.find("(SQLite: database disk image is malformed;"), std::string::npos) << dry.err;
+  EXPECT_NE(dry.err.find(store.string()), std::string::npos) << "told as of the store, not of its copy";
+  EXPECT_EQ(testing::fileBytes(store), before);
+}
+
+// The main application may hold the store's lock: after the wait, one line says so.
+TEST(StoreCommandInput, ALockedStoreIsReportedAfterTheWait) {
+  namespace fs = std::filesystem;
+  const fs::path store =
+      test::copyFixtureStore("coredata/moody/stores/Moody.moody", test::scratchFolder("locked"));
+  testing::Sql holder(store);
+  holder.run("PRAGMA journal_mode = DELETE");
+  const std::string before = testing::fileBytes(store);
+  holder.run("BEGIN EXCLUSIVE");
+  const testing::CommandResult result = testing::runCommand(store, {"verify"});
+  holder.run("ROLLBACK");
+  EXPECT_EQ(result.exitCode, kExitUnopened);
+  EXPECT_TRUE(result.err.starts_with("tesselune-store: The store at " + store.string() +
+                                     " is locked by another program; try again when it is done. ("))
+      << result.err;
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1);
+  EXPECT_EQ(testing::fileBytes(store), before);
+}
+
+TEST(StoreCommandInput, ModelsThatDoNotFitAreNamedWithWhatDiffers) {
+  namespace fs = std::filesystem;
+  const fs::path store =
+      test::copyFixtureStore("coredata/moody/stores/Moody.moody", test::scratchFolder("models"));
+  const std::string bundle = std::string(TESSELUNE_FIXTURES_DIR) + "/coredata/moody/Moody.xcdatamodeld";
+  const testing::CommandResult missing =
+      testing::runCommand(store, {"--model", bundle + "/Nope.xcdatamodel", "verify"});
+  EXPECT_EQ(missing.exitCode, kExitUnopened);
+  EXPECT_EQ(missing.err,
+            "tesselune-store: There is no model at " + bundle +
+                "/Nope.xcdatamodel: --model takes a .xcdatamodeld folder, a .xcdatamodel folder or its "
+                "contents file.\n");
+  const testing::CommandResult other =
+      testing::runCommand(store, {"--model", bundle + "/Moody 4.xcdatamodel", "inspect"});
+  EXPECT_EQ(other.exitCode, kExitUnopened);
+  EXPECT_EQ(other.err,
+            "tesselune-store: The model " + bundle + "/Moody 4.xcdatamodel does not fit the store at " +
+                store.string() +
+                ": the version hashes of Continent, Country, Mood differ from the store's; only in the "
+                "store: GeographicRegion.\n");
+
+  // A bundle none of whose versions fits names the closest.
+  testing::Sql(store).run("UPDATE Z_METADATA SET Z_PLIST = NULL");
+  const testing::CommandResult none = testing::runCommand(store, {"--model", bundle, "inspect"});
+  EXPECT_EQ(none.exitCode, kExitUnopened);
+  EXPECT_TRUE(none.err.starts_with("tesselune-store: None of the 6 model versions in " + bundle +
+                                   " fits the store at " + store.string() + ": the closest, "))
+      << none.err;
+}
+
+TEST(StoreCommandInput, HelpTellsTheExitStatuses) {
+  const char* argv[] = {"tesselune-store", "--help"};
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_EQ(runStoreCommand(2, argv, CommandOutput{out, err}), kExitOk);
+  EXPECT_NE(out.str().find("3 the store could not be opened"), std::string::npos) << out.str();
+  EXPECT_NE(out.str().find("1 failed (verify: the store is damaged"), std::string::npos) << out.str();
 }
 
 TEST(TerminalProgressBar, TheLineShowsTheFractionDoneAndTheText) {

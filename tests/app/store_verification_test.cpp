@@ -43,7 +43,9 @@ class VerificationTest : public ::testing::Test {
 TEST_F(VerificationTest, ADemoStoreIsSound) {
   const VerificationResult result = verify();
   EXPECT_TRUE(result.ok()) << formatVerification(result);
-  EXPECT_EQ(formatVerification(result), "SQLite integrity: ok\nReferences: ok\nKey counters: ok\n");
+  EXPECT_EQ(
+      formatVerification(result),
+      "SQLite integrity: ok\nEntity numbers: ok\nReferences: ok\nKey counters: ok\nThe store is sound.\n");
 }
 
 TEST_F(VerificationTest, AChromatogramRowRemovedBehindTheEngineLeavesItsDependantsDangling) {
