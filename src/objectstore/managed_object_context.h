@@ -70,6 +70,12 @@ class ManagedObjectContext {
   void setUndoManager(std::shared_ptr<UndoManager> undoManager) { undoManager_ = std::move(undoManager); }
   MergePolicyType mergePolicy() const { return mergePolicy_; }
   void setMergePolicy(MergePolicyType policy) { mergePolicy_ = policy; }
+  // The context's name and the author of its changes, recorded with each save and batch delete in
+  // a store that keeps persistent history; empty for none.
+  const std::string& name() const { return name_; }
+  void setName(std::string name) { name_ = std::move(name); }
+  const std::string& transactionAuthor() const { return transactionAuthor_; }
+  void setTransactionAuthor(std::string author) { transactionAuthor_ = std::move(author); }
   // Expires when the context is destroyed: what weak references to a context hold (WeakContext).
   std::weak_ptr<const void> lifetimeToken() const { return lifetime_; }
 
@@ -145,6 +151,8 @@ class ManagedObjectContext {
   PersistentStoreCoordinator* coordinator_ = nullptr;
   std::shared_ptr<UndoManager> undoManager_;
   MergePolicyType mergePolicy_ = MergePolicyType::Error;
+  std::string name_;
+  std::string transactionAuthor_;
   mutable std::recursive_mutex mutex_;
   std::unique_ptr<OperationQueue> queue_;  // private-queue contexts
   std::unordered_map<ManagedObjectID, std::shared_ptr<ManagedObject>> registered_;
