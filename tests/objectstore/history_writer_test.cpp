@@ -336,7 +336,7 @@ TEST_F(HistoryTest, OlderPrefixedTablesAndCountersBehindTheirTablesAreWrittenSaf
   createStore("Z_");
   openStack();
   ASSERT_NE(store().history(), nullptr);
-  EXPECT_EQ(store().history()->changeTable(), "Z_CHANGE");
+  EXPECT_EQ(store().history()->tables().changes, "Z_CHANGE");
   // A counter behind its table must not hand out a key that is taken; a missing one is added.
   sql("INSERT INTO Z_CHANGE (Z_PK, Z_ENT, ZCHANGETYPE) VALUES (40, 16001, 0)");
   sql("DELETE FROM Z_PRIMARYKEY WHERE Z_ENT = 16002");
@@ -348,6 +348,25 @@ TEST_F(HistoryTest, OlderPrefixedTablesAndCountersBehindTheirTablesAreWrittenSaf
             (std::vector<std::string>{"16001|CHANGE|0|41", "16002|TRANSACTION|0|1",
                                       "16003|TRANSACTIONSTRING|0|2"}));
   EXPECT_EQ(one("SELECT COUNT(*) FROM Z_TRANSACTION"), "1");
+}
+
+TEST_F(HistoryTest, AStoreWhoseOwnTriggersWriteItsChangesIsNotRecordedTwice) {
+  createStore("A");
+  {
+    auto store = SqliteStore::open(path_, model_, {});
+    ASSERT_TRUE(store) << store.error().debugDescription();
+    auto s = (*store)->database().execute(
+        "CREATE TRIGGER ZQ_ZSHELF_INSERT AFTER INSERT ON ZSHELF FOR EACH ROW BEGIN INSERT INTO ACHANGE "
+        "(Z_ENT, "
+        "ZCHANGETYPE, ZENTITY, ZENTITYPK) VALUES (16001, 0, NEW.Z_ENT, NEW.Z_PK); END");
+    ASSERT_TRUE(s) << s.error().debugDescription();
+  }
+  openStack();
+  EXPECT_EQ(store().history(), nullptr);
+  insert("Shelf");
+  save();
+  EXPECT_EQ(rows("SELECT ZCHANGETYPE, ZENTITY, ZENTITYPK FROM ACHANGE"), (std::vector<std::string>{"0|4|1"}));
+  EXPECT_EQ(one("SELECT COUNT(*) FROM ATRANSACTION"), "0");
 }
 
 }  // namespace

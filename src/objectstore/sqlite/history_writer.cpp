@@ -82,32 +82,40 @@ std::string sqlLiteral(std::string_view text) {
 
 }  // namespace
 
-Expected<std::unique_ptr<HistoryWriter>> HistoryWriter::detect(Database& db, const ManagedObjectModel& model,
-                                                               const EntityNumbers& numbers,
-                                                               const StoreSchema& schema) {
+Expected<std::optional<HistoryTables>> HistoryWriter::findTables(Database& db) {
   // Stores written since history tracking began use "A"; older ones a "Z_" prefix, seen written
   // both before the "A" and instead of it.
-  std::unique_ptr<HistoryWriter> writer;
   for (std::string_view prefix : {"A", "Z_A", "Z_"}) {
-    const std::string transactions = fmt::format("{}TRANSACTION", prefix);
-    const std::string changes = fmt::format("{}CHANGE", prefix);
-    const std::string strings = fmt::format("{}TRANSACTIONSTRING", prefix);
+    HistoryTables tables{fmt::format("{}TRANSACTION", prefix), fmt::format("{}CHANGE", prefix),
+                         fmt::format("{}TRANSACTIONSTRING", prefix)};
     bool all = true;
-    for (const std::string* table : {&transactions, &changes, &strings}) {
+    for (const std::string* table : {&tables.transactions, &tables.changes, &tables.strings}) {
       auto exists = db.tableExists(*table);
       if (!exists) return fail(exists.error());
       all = all && *exists;
     }
-    if (!all) continue;
-    writer.reset(new HistoryWriter());
-    writer->transactionTable_ = transactions;
-    writer->changeTable_ = changes;
-    writer->stringTable_ = strings;
-    break;
+    if (all) return std::optional<HistoryTables>(std::move(tables));
   }
-  if (!writer) return writer;
+  return std::optional<HistoryTables>();
+}
 
-  auto columns = columnsOf(db, writer->changeTable_);
+Expected<std::unique_ptr<HistoryWriter>> HistoryWriter::detect(Database& db, const ManagedObjectModel& model,
+                                                               const EntityNumbers& numbers,
+                                                               const StoreSchema& schema) {
+  auto tables = findTables(db);
+  if (!tables) return fail(tables.error());
+  if (!*tables) return std::unique_ptr<HistoryWriter>();
+  auto ownTriggers = singleInteger(
+      db,
+      "SELECT COUNT(*) FROM sqlite_master WHERE type = 'trigger' AND (instr(upper(sql), 'INSERT INTO ' || ?1 "
+      "|| ' ') > 0 OR instr(upper(sql), 'INSERT INTO ' || ?1 || '(') > 0)",
+      {Value((*tables)->changes)});
+  if (!ownTriggers) return fail(ownTriggers.error());
+  if (*ownTriggers > 0) return std::unique_ptr<HistoryWriter>();
+  std::unique_ptr<HistoryWriter> writer(new HistoryWriter());
+  writer->tables_ = std::move(**tables);
+
+  auto columns = columnsOf(db, writer->tables_.changes);
   if (!columns) return fail(columns.error());
   while (std::find(columns->begin(), columns->end(), fmt::format("ZTOMBSTONE{}", writer->tombstoneCount_)) !=
          columns->end()) {
@@ -175,9 +183,9 @@ Expected<std::vector<Value>> HistoryWriter::tombstones(Database& db, const Entit
 
 Expected<std::int64_t> HistoryWriter::allocateKeys(Database& db, std::int64_t entity,
                                                    std::int64_t count) const {
-  const std::string& table = entity == kChangeEntity        ? changeTable_
-                             : entity == kTransactionEntity ? transactionTable_
-                                                            : stringTable_;
+  const std::string& table = entity == kChangeEntity        ? tables_.changes
+                             : entity == kTransactionEntity ? tables_.transactions
+                                                            : tables_.strings;
   auto select = db.prepare("SELECT Z_MAX FROM Z_PRIMARYKEY WHERE Z_ENT = ?");
   if (!select) return fail(select.error());
   if (auto s = select->bind(1, Value(entity)); !s) return fail(s.error());
@@ -208,7 +216,7 @@ Expected<std::int64_t> HistoryWriter::allocateKeys(Database& db, std::int64_t en
 
 Expected<Value> HistoryWriter::internString(Database& db, const std::string& name) const {
   if (name.empty()) return Value();
-  auto select = db.prepare(fmt::format("SELECT Z_PK FROM {} WHERE ZNAME = ?", stringTable_));
+  auto select = db.prepare(fmt::format("SELECT Z_PK FROM {} WHERE ZNAME = ?", tables_.strings));
   if (!select) return fail(select.error());
   if (auto s = select->bind(1, Value(name)); !s) return fail(s.error());
   auto row = select->step();
@@ -217,7 +225,8 @@ Expected<Value> HistoryWriter::internString(Database& db, const std::string& nam
   auto key = allocateKeys(db, kStringEntity, 1);
   if (!key) return fail(key.error());
   if (auto s = runSql(
-          db, fmt::format("INSERT INTO {} (Z_PK, Z_ENT, Z_OPT, ZNAME) VALUES (?, ?, NULL, ?)", stringTable_),
+          db,
+          fmt::format("INSERT INTO {} (Z_PK, Z_ENT, Z_OPT, ZNAME) VALUES (?, ?, NULL, ?)", tables_.strings),
           {Value(*key), Value(kStringEntity), Value(name)});
       !s)
     return fail(s.error());
@@ -238,7 +247,7 @@ Expected<std::int64_t> HistoryWriter::writeTransaction(Database& db, const Trans
   if (auto s = runSql(db,
                       fmt::format("INSERT INTO {} (Z_PK, Z_ENT, Z_OPT, ZBUNDLEIDTS, ZPROCESSIDTS, ZAUTHORTS, "
                                   "ZCONTEXTNAMETS, ZTIMESTAMP) VALUES (?, ?, NULL, ?, ?, ?, ?, ?)",
-                                  transactionTable_),
+                                  tables_.transactions),
                       {Value(*key), Value(kTransactionEntity), strings[0], strings[1], strings[2], strings[3],
                        Value(secondsSinceReferenceDate())});
       !s)
@@ -249,7 +258,7 @@ Expected<std::int64_t> HistoryWriter::writeTransaction(Database& db, const Trans
 std::string HistoryWriter::changeInsertSql() const {
   std::string columns = "Z_PK, Z_ENT, Z_OPT, ZCHANGETYPE, ZENTITY, ZENTITYPK, ZTRANSACTIONID, ZCOLUMNS";
   for (std::size_t i = 0; i < tombstoneCount_; ++i) columns += fmt::format(", ZTOMBSTONE{}", i);
-  return fmt::format("INSERT INTO {} ({})", changeTable_, columns);
+  return fmt::format("INSERT INTO {} ({})", tables_.changes, columns);
 }
 
 Status HistoryWriter::recordTransaction(Database& db, const TransactionNames& names,

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -42,6 +43,13 @@ struct HistoryChange {
   std::vector<Value> tombstones;  // deletes: the values kept after deletion
 };
 
+// The names of a store's history tables.
+struct HistoryTables {
+  std::string transactions;
+  std::string changes;
+  std::string strings;
+};
+
 class HistoryWriter {
  public:
   // Entity numbers of the history's own rows in Z_PRIMARYKEY.
@@ -49,16 +57,19 @@ class HistoryWriter {
   static constexpr std::int64_t kTransactionEntity = 16002;
   static constexpr std::int64_t kStringEntity = 16003;
 
-  // The writer for the store on this connection, or nothing when it keeps no history. Reads only
-  // the schema. `numbers` and `schema` are the store's.
+  // The store's history tables, if it has all three. Reads only the schema.
+  [[nodiscard]] static Expected<std::optional<HistoryTables>> findTables(Database& db);
+
+  // The writer for the store on this connection, or nothing when it keeps no history, or when
+  // triggers of its own already write its changes (a second record of each change would make
+  // readers of the history see it twice). Reads only the schema. `numbers` and `schema` are the
+  // store's.
   [[nodiscard]] static Expected<std::unique_ptr<HistoryWriter>> detect(Database& db,
                                                                        const ManagedObjectModel& model,
                                                                        const EntityNumbers& numbers,
                                                                        const StoreSchema& schema);
 
-  const std::string& transactionTable() const { return transactionTable_; }
-  const std::string& changeTable() const { return changeTable_; }
-  const std::string& stringTable() const { return stringTable_; }
+  const HistoryTables& tables() const { return tables_; }
 
   // ZCOLUMNS of an update: one bit per stored property of the entity (inherited ones and
   // relationships included) in name order, the first the most significant bit of the first byte.
@@ -112,9 +123,7 @@ class HistoryWriter {
                                                     std::int64_t count) const;
   std::string changeInsertSql() const;
 
-  std::string transactionTable_;
-  std::string changeTable_;
-  std::string stringTable_;
+  HistoryTables tables_;
   std::size_t tombstoneCount_ = 0;  // ZTOMBSTONE0 … of the change table
   std::map<const EntityDescription*, EntityHistory> entities_;
   std::map<std::int64_t, const EntityHistory*> byNumber_;
