@@ -356,9 +356,8 @@ TEST_F(HistoryTest, AStoreWhoseOwnTriggersWriteItsChangesIsNotRecordedTwice) {
     auto store = SqliteStore::open(path_, model_, {});
     ASSERT_TRUE(store) << store.error().debugDescription();
     auto s = (*store)->database().execute(
-        "CREATE TRIGGER ZQ_ZSHELF_INSERT AFTER INSERT ON ZSHELF FOR EACH ROW BEGIN INSERT INTO ACHANGE "
-        "(Z_ENT, "
-        "ZCHANGETYPE, ZENTITY, ZENTITYPK) VALUES (16001, 0, NEW.Z_ENT, NEW.Z_PK); END");
+        "CREATE TRIGGER ZQ_ZSHELF_INSERT AFTER INSERT ON ZSHELF FOR EACH ROW BEGIN\n  insert into achange\n"
+        "    (Z_ENT, ZCHANGETYPE, ZENTITY, ZENTITYPK) VALUES (16001, 0, NEW.Z_ENT, NEW.Z_PK); END");
     ASSERT_TRUE(s) << s.error().debugDescription();
   }
   openStack();

@@ -105,11 +105,14 @@ Expected<std::unique_ptr<HistoryWriter>> HistoryWriter::detect(Database& db, con
   auto tables = findTables(db);
   if (!tables) return fail(tables.error());
   if (!*tables) return std::unique_ptr<HistoryWriter>();
-  auto ownTriggers = singleInteger(
-      db,
-      "SELECT COUNT(*) FROM sqlite_master WHERE type = 'trigger' AND (instr(upper(sql), 'INSERT INTO ' || ?1 "
-      "|| ' ') > 0 OR instr(upper(sql), 'INSERT INTO ' || ?1 || '(') > 0)",
-      {Value((*tables)->changes)});
+  // Triggers of the store's own that insert into the change table, however their SQL is spaced.
+  auto ownTriggers = singleInteger(db,
+                                   "SELECT COUNT(*) FROM (SELECT ' ' || replace(replace(replace(upper(sql), "
+                                   "char(10), ' '), char(13), ' '), "
+                                   "char(9), ' ') || ' ' AS body FROM sqlite_master WHERE type = 'trigger') "
+                                   "WHERE instr(body, ' INTO ' || ?1 "
+                                   "|| ' ') > 0 OR instr(body, ' INTO ' || ?1 || '(') > 0",
+                                   {Value((*tables)->changes)});
   if (!ownTriggers) return fail(ownTriggers.error());
   if (*ownTriggers > 0) return std::unique_ptr<HistoryWriter>();
   std::unique_ptr<HistoryWriter> writer(new HistoryWriter());
