@@ -21,10 +21,10 @@ namespace tesselune {
 namespace {
 
 // Entity numbers: Book 1, Novel 2 (a Book), Reader 3, Shelf 4. Stored properties in name order:
-//   Book:   cover, isbn, pages, shelf, title                 tombstones isbn, title
-//   Novel:  cover, genre, isbn, pages, shelf, title          tombstones genre, isbn, title
+//   Book:   bannerOf, cover, isbn, pages, shelf, title                 tombstones isbn, title
+//   Novel:  bannerOf, cover, genre, isbn, pages, shelf, title          tombstones genre, isbn, title
 //   Reader: borrowed, favourite, name
-//   Shelf:  books, borrowers, label, position, readers       tombstone label
+//   Shelf:  banner, books, borrowers, label, position, readers         tombstone label
 // `cover` keeps its value outside the row, so it has no tombstone although it asks for one.
 constexpr std::string_view kModel = R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?>
 <model type="com.apple.IDECoreDataModeler.DataModel" documentVersion="1.0">
@@ -34,6 +34,7 @@ constexpr std::string_view kModel = R"(<?xml version="1.0" encoding="UTF-8" stan
     <relationship name="books" optional="YES" toMany="YES" deletionRule="Cascade" destinationEntity="Book" inverseName="shelf" inverseEntity="Book"/>
     <relationship name="readers" optional="YES" toMany="YES" deletionRule="Nullify" destinationEntity="Reader" inverseName="favourite" inverseEntity="Reader"/>
     <relationship name="borrowers" optional="YES" toMany="YES" deletionRule="Nullify" destinationEntity="Reader" inverseName="borrowed" inverseEntity="Reader"/>
+    <relationship name="banner" optional="YES" maxCount="1" deletionRule="Nullify" destinationEntity="Book" inverseName="bannerOf" inverseEntity="Book"/>
   </entity>
   <entity name="Book">
     <attribute name="title" optional="YES" attributeType="String" preserveAfterDeletion="YES"/>
@@ -41,6 +42,7 @@ constexpr std::string_view kModel = R"(<?xml version="1.0" encoding="UTF-8" stan
     <attribute name="cover" optional="YES" attributeType="Binary" allowsExternalBinaryDataStorage="YES" preserveAfterDeletion="YES"/>
     <attribute name="pages" optional="YES" attributeType="Integer 32" usesScalarValueType="YES"/>
     <relationship name="shelf" optional="YES" maxCount="1" deletionRule="Nullify" destinationEntity="Shelf" inverseName="books" inverseEntity="Shelf"/>
+    <relationship name="bannerOf" optional="YES" maxCount="1" deletionRule="Nullify" destinationEntity="Shelf" inverseName="banner" inverseEntity="Shelf"/>
   </entity>
   <entity name="Novel" parentEntity="Book">
     <attribute name="genre" optional="YES" attributeType="String" preserveAfterDeletion="YES"/>
@@ -229,7 +231,7 @@ TEST_F(HistoryTest, EachSaveIsOneTransactionOfInsertsUpdatesAndDeletesWithIntern
   EXPECT_EQ(one("SELECT COUNT(*) FROM ATRANSACTIONSTRING"), "4");
   EXPECT_EQ(rows("SELECT ZCHANGETYPE, ZENTITY, ZENTITYPK, ZTRANSACTIONID, ZCOLUMNS, ZTOMBSTONE0 FROM ACHANGE "
                  "WHERE Z_PK > 3 ORDER BY ZENTITY"),
-            (std::vector<std::string>{"1|2|" + novelKey + "|2|x10|-", "1|4|" + shelfKey + "|2|x30|-"}));
+            (std::vector<std::string>{"1|2|" + novelKey + "|2|x08|-", "1|4|" + shelfKey + "|2|x18|-"}));
 
   // Deleting the novel: a delete with the values kept in history (genre, isbn, title; not the
   // cover), and an update of the shelf whose books changed.
@@ -237,7 +239,7 @@ TEST_F(HistoryTest, EachSaveIsOneTransactionOfInsertsUpdatesAndDeletesWithIntern
   save();
   EXPECT_EQ(rows(std::string(kChanges) + " LIMIT -1 OFFSET 5"),
             (std::vector<std::string>{"6|16001|-|2|2|" + novelKey + "|3|-|thriller|0-00-000|Dead Calm",
-                                      "7|16001|-|1|4|" + shelfKey + "|3|x80|-|-|-"}));
+                                      "7|16001|-|1|4|" + shelfKey + "|3|x40|-|-|-"}));
   EXPECT_EQ(rows("SELECT Z_ENT, Z_MAX FROM Z_PRIMARYKEY WHERE Z_ENT > 16000 ORDER BY Z_ENT"),
             (std::vector<std::string>{"16001|7", "16002|3", "16003|4"}));
 }
@@ -277,10 +279,13 @@ TEST_F(HistoryTest, FailedSavesAndStoresWithoutHistoryTablesRecordNothing) {
 TEST_F(HistoryTest, BatchDeletesRecordCascadedDeletesAndTheRowsWhoseKeysWereNullified) {
   createStore("A");
   openStack();
-  sql("INSERT INTO ZSHELF (Z_PK, Z_ENT, Z_OPT, ZLABEL) VALUES (1, 4, 1, 'Crime'), (2, 4, 1, 'Poetry')");
-  sql("INSERT INTO ZBOOK (Z_PK, Z_ENT, Z_OPT, ZTITLE, ZISBN, ZCOVER, ZGENRE, ZSHELF) VALUES "
-      "(1, 1, 1, 'Plain', '1-11', x'0102', NULL, 1), (2, 2, 1, 'Noir', '2-22', NULL, 'crime', 1), "
-      "(3, 2, 1, 'Ode', '3-33', NULL, 'verse', 2)");
+  // Book 1 is also the crime shelf's banner: its key to the shelf is nullified (that rule's trigger
+  // comes first, by name) before the cascade deletes it, and it must show as deleted only.
+  sql("INSERT INTO ZSHELF (Z_PK, Z_ENT, Z_OPT, ZLABEL, ZBANNER) VALUES (1, 4, 1, 'Crime', 1), "
+      "(2, 4, 1, 'Poetry', NULL)");
+  sql("INSERT INTO ZBOOK (Z_PK, Z_ENT, Z_OPT, ZTITLE, ZISBN, ZCOVER, ZGENRE, ZSHELF, ZBANNEROF) VALUES "
+      "(1, 1, 1, 'Plain', '1-11', x'0102', NULL, 1, 1), (2, 2, 1, 'Noir', '2-22', NULL, 'crime', 1, NULL), "
+      "(3, 2, 1, 'Ode', '3-33', NULL, 'verse', 2, NULL)");
   sql("INSERT INTO ZREADER (Z_PK, Z_ENT, Z_OPT, ZNAME, ZFAVOURITE, ZBORROWED) VALUES "
       "(1, 3, 1, 'Ann', 1, 1), (2, 3, 1, 'Bob', 1, 2), (3, 3, 1, 'Cyd', 2, NULL)");
   sql("UPDATE Z_PRIMARYKEY SET Z_MAX = 3 WHERE Z_ENT IN (1, 3)");
