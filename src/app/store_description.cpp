@@ -164,6 +164,40 @@ Expected<std::vector<std::string>> namesInSchema(Database& database, std::string
   return names;
 }
 
+Expected<std::int64_t> countRows(Database& database, const std::string& table) {
+  auto count = database.prepare(fmt::format("SELECT COUNT(*) FROM {}", table));
+  if (!count) return fail(count.error());
+  auto row = count->step();
+  if (!row) return fail(row.error());
+  return *row ? count->integer(0) : 0;
+}
+
+// Z_MAX of every entity number, and the history's tables with their rows.
+Status readCounters(Database& database, std::map<std::int64_t, std::int64_t>& maxKeys,
+                    std::optional<StoreInspection::History>& history) {
+  auto counters = database.prepare("SELECT Z_ENT, Z_MAX FROM Z_PRIMARYKEY");
+  if (!counters) return fail(counters.error());
+  while (true) {
+    auto row = counters->step();
+    if (!row) return fail(row.error());
+    if (!*row) break;
+    maxKeys[counters->integer(0)] = counters->integer(1);
+  }
+  auto tables = HistoryWriter::findTables(database);
+  if (!tables) return fail(tables.error());
+  if (!*tables) return {};
+  history.emplace();
+  history->tables = **tables;
+  for (auto [table, count] : {std::pair{&history->tables.transactions, &history->transactions},
+                              std::pair{&history->tables.changes, &history->changes},
+                              std::pair{&history->tables.strings, &history->strings}}) {
+    auto rows = countRows(database, *table);
+    if (!rows) return fail(rows.error());
+    *count = *rows;
+  }
+  return {};
+}
+
 void addHierarchyRows(const EntityDescription& entity, const std::map<std::string, std::int64_t>& own,
                       std::int64_t& total) {
   if (auto it = own.find(entity.name()); it != own.end()) total += it->second;
@@ -337,6 +371,9 @@ Expected<StoreInspection> inspectStore(SqliteStore& store, const std::string& mo
   if (!rows) return fail(rows.error());
   const std::map<std::string, std::int64_t>& ownRows = *rows;
 
+  std::map<std::int64_t, std::int64_t> maxKeys;
+  if (auto s = readCounters(database, maxKeys, result.history); !s) return fail(s.error());
+
   const auto hashes = store.model().entityVersionHashes();
   for (const auto& entity : store.model().entities()) {
     EntitySummary summary;
@@ -344,6 +381,7 @@ Expected<StoreInspection> inspectStore(SqliteStore& store, const std::string& mo
     if (entity->superentity() != nullptr) summary.superentity = entity->superentity()->name();
     summary.isAbstract = entity->isAbstract();
     summary.number = store.entityNumber(*entity).value_or(0);
+    if (auto it = maxKeys.find(summary.number); it != maxKeys.end()) summary.maxKey = it->second;
     summary.table = SqliteStore::tableName(*entity);
     if (auto it = ownRows.find(entity->name()); it != ownRows.end()) summary.rows = it->second;
     addHierarchyRows(*entity, ownRows, summary.rowsWithSubentities);
@@ -437,7 +475,7 @@ std::string formatInspection(const StoreInspection& inspection) {
     if (entity.rowsWithSubentities != entity.rows) {
       out += fmt::format(", {} with its sub-entities", entity.rowsWithSubentities);
     }
-    out += '\n';
+    out += fmt::format("; Z_MAX {}\n", entity.maxKey);
     if (!entity.versionHash.empty() && entity.versionHash != entity.storeVersionHash) {
       out += fmt::format("    version hash {} differs from the store's {}\n", entity.versionHash,
                          entity.storeVersionHash.empty() ? "(none)" : entity.storeVersionHash);
@@ -447,6 +485,11 @@ std::string formatInspection(const StoreInspection& inspection) {
                          r.destination, r.inverse.empty() ? "" : fmt::format(" (inverse {})", r.inverse),
                          r.deleteRule, r.storage);
     }
+  }
+  if (const auto& history = inspection.history) {
+    out += fmt::format("History: {} transactions, {} changes, {} strings (tables {}, {}, {})\n",
+                       history->transactions, history->changes, history->strings,
+                       history->tables.transactions, history->tables.changes, history->tables.strings);
   }
   if (!inspection.otherTables.empty()) {
     out += fmt::format("Other tables: {}\n", fmt::join(inspection.otherTables, ", "));
@@ -481,10 +524,11 @@ std::string inspectionJson(const StoreInspection& inspection) {
     const EntitySummary& e = inspection.entities[i];
     out += fmt::format(
         "{}{{\"name\": {}, \"superentity\": {}, \"abstract\": {}, \"entityNumber\": {}, \"table\": {}, "
-        "\"rows\": {}, \"rowsWithSubentities\": {}, \"versionHash\": {}, \"storeVersionHash\": {}, "
+        "\"rows\": {}, \"rowsWithSubentities\": {}, \"maxKey\": {}, \"versionHash\": {}, "
+        "\"storeVersionHash\": {}, "
         "\"relationships\": [",
         i == 0 ? "" : ", ", jsonString(e.name), e.superentity.empty() ? "null" : jsonString(e.superentity),
-        e.isAbstract, e.number, jsonString(e.table), e.rows, e.rowsWithSubentities,
+        e.isAbstract, e.number, jsonString(e.table), e.rows, e.rowsWithSubentities, e.maxKey,
         e.versionHash.empty() ? "null" : jsonString(e.versionHash),
         e.storeVersionHash.empty() ? "null" : jsonString(e.storeVersionHash));
     for (std::size_t k = 0; k < e.relationships.size(); ++k) {
@@ -498,8 +542,16 @@ std::string inspectionJson(const StoreInspection& inspection) {
     }
     out += "]}";
   }
-  out += fmt::format("], \"otherTables\": {}, \"triggers\": {}}}\n", strings(inspection.otherTables),
-                     strings(inspection.triggers));
+  std::string history = "null";
+  if (const auto& h = inspection.history) {
+    history = fmt::format(
+        "{{\"transactionTable\": {}, \"changeTable\": {}, \"stringTable\": {}, \"transactions\": {}, "
+        "\"changes\": {}, \"strings\": {}}}",
+        jsonString(h->tables.transactions), jsonString(h->tables.changes), jsonString(h->tables.strings),
+        h->transactions, h->changes, h->strings);
+  }
+  out += fmt::format("], \"history\": {}, \"otherTables\": {}, \"triggers\": {}}}\n", history,
+                     strings(inspection.otherTables), strings(inspection.triggers));
   return out;
 }
 

@@ -60,6 +60,7 @@ struct EntitySummary {
   std::string superentity;  // empty for a root entity
   bool isAbstract = false;
   std::int64_t number = 0;  // Z_ENT
+  std::int64_t maxKey = 0;  // Z_MAX: the largest key handed out from the entity's counter
   std::string table;
   std::int64_t rows = 0;                           // objects of exactly this entity
   std::int64_t rowsWithSubentities = 0;            // and of all entities below it
@@ -76,6 +77,14 @@ struct StoreInspection {
   std::vector<std::pair<std::string, std::string>> metadata;  // key and a printable value, by key
   std::vector<std::pair<std::string, std::uintmax_t>> files;  // the store file and its -wal, -shm
   std::vector<EntitySummary> entities;                        // by name
+  // The persistent history's tables and their rows, when the store keeps one.
+  struct History {
+    HistoryTables tables;
+    std::int64_t transactions = 0;
+    std::int64_t changes = 0;
+    std::int64_t strings = 0;
+  };
+  std::optional<History> history;
   // Tables the model does not explain (persistent history and the like) and the store's triggers.
   std::vector<std::string> otherTables;
   std::vector<std::string> triggers;

@@ -20,6 +20,7 @@
 #include "app/app_delegate.h"
 #include "app/version.h"
 #include "foundation/main_queue.h"
+#include "foundation/process_info.h"
 #include "platform/dbus_notification_center.h"
 #include "platform/proc_workspace.h"
 #include "platform/qt_alert_presenter.h"
@@ -82,6 +83,9 @@ int main(int argc, char** argv) {
   }
 
   using namespace tesselune;
+  // The program's identifier, as its bundle would carry it: what the store's history names as the
+  // bundle of the changes this program makes.
+  setMainBundleIdentifier("org.tesselune.StoreSupport");
   std::unique_ptr<QCoreApplication> application = makeApplication(argc, argv);
   auto queue = std::make_shared<QtMainQueue>();
   setMainQueue(queue);

@@ -342,6 +342,13 @@ class ContextSaver {
     Database& db = store.database();
     const std::string table = SqliteStore::tableName(object.entity());
     const Value key(object.objectID().primaryKey());
+    // The values kept in history have to be read before the row goes.
+    std::vector<Value> tombstones;
+    if (const HistoryWriter* history = store.history()) {
+      auto kept = history->tombstones(db, object.entity(), object.objectID().primaryKey());
+      if (!kept) return fail(kept.error());
+      tombstones = std::move(*kept);
+    }
     std::int64_t changes = 0;
     if (auto s = run(db, fmt::format("DELETE FROM {} WHERE Z_PK = ? AND Z_OPT = ?", table),
                      {key, Value(object.version_)}, &changes);
@@ -353,10 +360,14 @@ class ContextSaver {
       if (*version) {
         if (context_.mergePolicy_ == MergePolicyType::Error) {
           conflicts_.push_back(&object);
-        } else if (auto s = run(db, fmt::format("DELETE FROM {} WHERE Z_PK = ?", table), {key}); !s) {
+        } else if (auto s = run(db, fmt::format("DELETE FROM {} WHERE Z_PK = ?", table), {key}, &changes);
+                   !s) {
           return s;
         }
       }
+    }
+    if (changes > 0) {
+      recordChange(store, object, HistoryChange::Type::Delete, {}, std::move(tombstones));
     }
     // Links that live outside the row.
     for (const auto& [name, relationship] : object.entity().relationshipsByName()) {
@@ -397,6 +408,7 @@ class ContextSaver {
         !s)
       return s;
     newVersions_[&object] = 1;
+    recordChange(store, object, HistoryChange::Type::Insert, {}, {});
     return writeLinks(store, object, true);
   }
 
@@ -430,6 +442,7 @@ class ContextSaver {
     };
     auto written = update(object.version_, true);
     if (!written) return fail(written.error());
+    bool wrote = *written;
     if (!*written) {
       auto version = storedVersion(store, object);
       if (!version) return fail(version.error());
@@ -441,8 +454,16 @@ class ContextSaver {
       if (!object.changed_.empty()) {
         written = update(**version, false);
         if (!written) return fail(written.error());
+        wrote = *written;
       }
       newVersions_[&object] = object.changed_.empty() ? **version : **version + 1;
+    }
+    if (wrote) {
+      if (const HistoryWriter* history = store.history()) {
+        Bytes columns = history->changedColumns(object.entity(), object.changed_);
+        if (!columns.empty())
+          recordChange(store, object, HistoryChange::Type::Update, std::move(columns), {});
+      }
     }
     return writeLinks(store, object, false);
   }
@@ -499,8 +520,18 @@ class ContextSaver {
     context_.fillFromRow(store, object, statement, columns, values, committed, changed);
   }
 
+  // Notes a change for the store's history; nothing for a store that keeps none.
+  void recordChange(SqliteStore& store, const ManagedObject& object, HistoryChange::Type type, Bytes columns,
+                    std::vector<Value> tombstones) {
+    if (store.history() == nullptr) return;
+    history_.push_back(HistoryChange{type, *store.entityNumber(object.entity()),
+                                     object.objectID().primaryKey(), std::move(columns),
+                                     std::move(tombstones)});
+  }
+
   Status writeStore(SqliteStore& store, const std::vector<std::shared_ptr<ManagedObject>>& objects) {
     Database& db = store.database();
+    history_.clear();
     if (auto s = db.execute("BEGIN EXCLUSIVE"); !s) return s;
     auto body = [&]() -> Status {
       for (const auto& object : objects) {
@@ -524,6 +555,10 @@ class ContextSaver {
         return fail(Error(std::string(kCocoaErrorDomain), kManagedObjectMergeError,
                           fmt::format("Could not merge changes: {} changed in the store since it was read.",
                                       fmt::join(uris, ", "))));
+      }
+      if (const HistoryWriter* history = store.history()) {
+        const TransactionNames names{context_.transactionAuthor_, context_.name_};
+        if (auto s = history->recordTransaction(db, names, history_); !s) return s;
       }
       return db.execute("COMMIT");
     };
@@ -559,6 +594,8 @@ class ContextSaver {
   std::unordered_set<const ManagedObject*> deleting_;
   std::vector<const ManagedObject*> conflicts_;
   std::map<const ManagedObject*, std::int64_t> newVersions_;
+  // The changes of the store being written, for its persistent history.
+  std::vector<HistoryChange> history_;
   std::map<std::pair<Database*, std::string>, Statement> statements_;
 };
 

@@ -504,6 +504,7 @@ Expected<BatchDeleteResult> ManagedObjectContext::executeRequest(const BatchDele
         Error(std::string(kCocoaErrorDomain), kPersistentStoreOpenError, "The context has no coordinator."));
   }
   std::lock_guard storeLock(coordinator_->mutex());
+  const TransactionNames names{transactionAuthor_, name_};
   BatchDeleteResult total;
   total.status = true;
   auto add = [&](const BatchDeleteResult& part) {
@@ -523,7 +524,7 @@ Expected<BatchDeleteResult> ManagedObjectContext::executeRequest(const BatchDele
       auto compiled = compileFetch(*store, *request.fetchRequest, FetchSelection::PrimaryKeys);
       if (!compiled) return fail(compiled.error());
       auto result = batchDeleteRows(*store, *entity, RowSelection{compiled->sql, compiled->bindings},
-                                    request.resultType);
+                                    request.resultType, nullptr, kBatchDeleteRowsPerChunk, names);
       if (!result) return fail(result.error());
       add(*result);
     }
@@ -548,14 +549,18 @@ Expected<BatchDeleteResult> ManagedObjectContext::executeRequest(const BatchDele
     oneStore = oneStore && (storeOfID.empty() || storeOfID.front() == last);
     storeOfID.push_back(last);
   }
-  if (oneStore) return batchDeleteObjects(*stores[storeOfID.front()], request.objectIDs, request.resultType);
+  if (oneStore) {
+    return batchDeleteObjects(*stores[storeOfID.front()], request.objectIDs, request.resultType, nullptr,
+                              kBatchDeleteRowsPerChunk, names);
+  }
   for (std::size_t index = 0; index < stores.size(); ++index) {
     std::vector<ManagedObjectID> ids;
     for (std::size_t i = 0; i < request.objectIDs.size(); ++i) {
       if (storeOfID[i] == index) ids.push_back(request.objectIDs[i]);
     }
     if (ids.empty()) continue;
-    auto result = batchDeleteObjects(*stores[index], ids, request.resultType);
+    auto result =
+        batchDeleteObjects(*stores[index], ids, request.resultType, nullptr, kBatchDeleteRowsPerChunk, names);
     if (!result) return fail(result.error());
     add(*result);
   }

@@ -107,6 +107,12 @@ class ManagedObjectContext {
   static ManagedObjectContext* decodingContext();
   // A lease on this context (see ContextHandle); empty once its destruction has begun.
   ContextHandle handle() const;
+  // The context's name and the author of its changes, recorded with each save and batch delete in
+  // a store that keeps persistent history; empty for none.
+  const std::string& name() const { return name_; }
+  void setName(std::string name) { name_ = std::move(name); }
+  const std::string& transactionAuthor() const { return transactionAuthor_; }
+  void setTransactionAuthor(std::string author) { transactionAuthor_ = std::move(author); }
 
   void performBlockAndWait(const std::function<void()>& block);
   void performBlock(std::function<void()> block);
@@ -180,6 +186,8 @@ class ManagedObjectContext {
   PersistentStoreCoordinator* coordinator_ = nullptr;
   std::shared_ptr<UndoManager> undoManager_;
   MergePolicyType mergePolicy_ = MergePolicyType::Error;
+  std::string name_;
+  std::string transactionAuthor_;
   mutable std::recursive_mutex mutex_;
   std::unique_ptr<OperationQueue> queue_;  // private-queue contexts
   std::unordered_map<ManagedObjectID, std::shared_ptr<ManagedObject>> registered_;

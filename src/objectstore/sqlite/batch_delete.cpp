@@ -64,12 +64,14 @@ struct TriggerPlan {
   std::vector<std::string> createSql;
   // The RAISE texts of nullifies that would empty a mandatory inverse.
   std::vector<std::string> mandatoryTexts;
+  // The tables whose rows the request may delete.
+  std::set<std::string> tables;
 };
 
 class TriggerPlanner {
  public:
   TriggerPlanner(const SqliteStore& store, const EntityDescription& requested)
-      : store_(store), requested_(requested) {}
+      : store_(store), requested_(requested), logsHistory_(store.history() != nullptr) {}
 
   // Refuses rules a batch delete cannot honour before anything runs; otherwise one trigger per
   // relationship with a rule, firing only for the reached entities of its table (a table holds a
@@ -90,6 +92,7 @@ class TriggerPlanner {
       }
     }
     TriggerPlan plan;
+    for (const EntityDescription* entity : reached_) plan.tables.insert(SqliteStore::tableName(*entity));
     for (const RelationshipDescription* r : order_) {
       std::vector<std::string> body = statements(*r, plan);
       if (body.empty()) continue;
@@ -153,7 +156,12 @@ class TriggerPlanner {
       for (const std::string* column : {&key.entityColumn, &key.orderColumn}) {
         if (!column->empty()) set += ", " + *column + " = NULL";
       }
-      return fmt::format("UPDATE {} SET {}, Z_OPT = Z_OPT + 1 WHERE {} = OLD.Z_PK", table, set, key.column);
+      std::string update =
+          fmt::format("UPDATE {} SET {}, Z_OPT = Z_OPT + 1 WHERE {} = OLD.Z_PK", table, set, key.column);
+      // The key is the inverse's: a hidden key of a relationship without inverse is no property of
+      // the rows that hold it, so clearing it changes none of their properties.
+      if (!logsHistory_ || r.inverseRelationship() == nullptr) return update;
+      return HistoryWriter::nullifyLogSql(table, key.column, r.inverseRelationship()->name()) + "; " + update;
     };
 
     switch (m->kind) {
@@ -196,6 +204,7 @@ class TriggerPlanner {
 
   const SqliteStore& store_;
   const EntityDescription& requested_;
+  const bool logsHistory_;
   std::set<const EntityDescription*> reached_;
   std::deque<const EntityDescription*> pending_;
   std::map<const RelationshipDescription*, std::vector<std::int64_t>> firing_;
@@ -413,11 +422,13 @@ Status runCached(Database& db, std::string_view sql) {
 // Runs a request in one exclusive transaction with recursive triggers on (cascades through a tree
 // of one entity), and leaves no temporary object behind, whether it succeeds or fails. Settings are
 // read and changed only when the request needs them: recursive_triggers when it has triggers,
-// temp_store when its work fills the key table (`usesRowsTable`).
+// temp_store when its work fills the key table (`usesRowsTable`) or the history's logs. In a store
+// that keeps history, the logs are recorded as one transaction before the request commits.
 using DeleteWork = std::function<Expected<BatchDeleteResult>(const TriggerPlan&)>;
 
 Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescription& entity,
-                                       const Chunking& chunking, bool usesRowsTable, const DeleteWork& work) {
+                                       const Chunking& chunking, bool usesRowsTable,
+                                       const TransactionNames& names, const DeleteWork& work) {
   if (chunking.rowsPerChunk < 1)
     throw std::invalid_argument("a batch delete needs at least one row per chunk");
   if (store.isReadOnly()) {
@@ -451,8 +462,9 @@ Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescripti
   auto restoreRecursion = [&] {
     if (turnedRecursionOn) (void)db.execute("PRAGMA recursive_triggers = OFF");
   };
+  const HistoryWriter* history = store.history();
   std::optional<std::int64_t> temporaryStore;
-  if (usesRowsTable) {
+  if (usesRowsTable || history != nullptr) {
     auto previous = useTemporaryFiles(db);
     if (!previous) {
       restoreRecursion();
@@ -464,15 +476,24 @@ Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescripti
   for (const std::string& name : plan->names)
     cleanup.push_back(fmt::format("DROP TRIGGER IF EXISTS temp.{}", name));
   if (usesRowsTable) cleanup.push_back(fmt::format("DROP TABLE IF EXISTS temp.{}", kRowsTable));
+  std::vector<std::string> createSql;
+  if (history != nullptr) {
+    createSql = history->batchLogSetupSql(plan->tables);
+    for (std::string& sql : history->batchLogCleanupSql(plan->tables)) cleanup.push_back(std::move(sql));
+  }
+  createSql.insert(createSql.end(), plan->createSql.begin(), plan->createSql.end());
 
   auto body = [&]() -> Expected<BatchDeleteResult> {
     if (auto s = runCached(db, "BEGIN EXCLUSIVE"); !s) return fail(s.error());
     auto result = [&]() -> Expected<BatchDeleteResult> {
-      for (const std::string& sql : plan->createSql) {
+      for (const std::string& sql : createSql) {
         if (auto s = db.execute(sql); !s) return fail(s.error());
       }
       auto deleted = work(*plan);
       if (!deleted) return deleted;
+      if (history != nullptr) {
+        if (auto s = history->recordBatchLog(db, names); !s) return fail(s.error());
+      }
       for (const std::string& sql : cleanup) {
         if (auto s = db.execute(sql); !s) return fail(s.error());
       }
@@ -504,15 +525,16 @@ Expected<BatchDeleteResult> runRequest(SqliteStore& store, const EntityDescripti
 
 Expected<BatchDeleteResult> batchDeleteRows(SqliteStore& store, const EntityDescription& entity,
                                             const RowSelection& rows, BatchDeleteRequestResultType type,
-                                            Progress* progress, std::int64_t rowsPerChunk) {
+                                            Progress* progress, std::int64_t rowsPerChunk,
+                                            const TransactionNames& names) {
   const Chunking chunking{progress, rowsPerChunk};
-  return runRequest(store, entity, chunking, /*usesRowsTable=*/true,
+  return runRequest(store, entity, chunking, /*usesRowsTable=*/true, names,
                     [&](const TriggerPlan&) { return deleteRows(store, entity, rows, type, chunking); });
 }
 
 Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store, const std::vector<ManagedObjectID>& ids,
                                                BatchDeleteRequestResultType type, Progress* progress,
-                                               std::int64_t rowsPerChunk) {
+                                               std::int64_t rowsPerChunk, const TransactionNames& names) {
   if (ids.empty()) throw std::invalid_argument("batchDeleteObjects needs at least one object ID");
   // The request's entity is the nearest one that all the IDs' entities are kinds of.
   // IDs mostly come as pages of one entity: each entity is looked up once in a row of them.
@@ -541,7 +563,7 @@ Expected<BatchDeleteResult> batchDeleteObjects(SqliteStore& store, const std::ve
   std::sort(keys.begin(), keys.end());
   keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
   const Chunking chunking{progress, rowsPerChunk};
-  return runRequest(store, *common, chunking, /*usesRowsTable=*/false,
+  return runRequest(store, *common, chunking, /*usesRowsTable=*/false, names,
                     [&](const TriggerPlan&) -> Expected<BatchDeleteResult> {
                       return deleteKeys(store, *common, keys, type, chunking);
                     });

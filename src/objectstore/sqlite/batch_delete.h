@@ -70,10 +70,14 @@ inline constexpr std::int64_t kBatchDeleteRowsPerChunk = 20000;
 // store's connection (it stays open, untouched), and for any SQLite failure. With
 // ResultTypeObjectIDs the result itself grows with the request, one ID per selected row. rowsPerChunk below 1
 // is a programming error: throws std::invalid_argument.
+//
+// In a store that keeps persistent history the request is recorded in the same transaction: one
+// history transaction (with `names`) holding a delete for every row that went, cascaded ones
+// included, and an update for every remaining row whose key a nullify rule cleared.
 [[nodiscard]] Expected<BatchDeleteResult> batchDeleteRows(
     SqliteStore& store, const EntityDescription& entity, const RowSelection& rows,
     BatchDeleteRequestResultType type, Progress* progress = nullptr,
-    std::int64_t rowsPerChunk = kBatchDeleteRowsPerChunk);
+    std::int64_t rowsPerChunk = kBatchDeleteRowsPerChunk, const TransactionNames& names = {});
 
 // Deletes the objects with these IDs, as batchDeleteRows does. The IDs must be permanent IDs of this
 // store, all of one entity hierarchy (an Error otherwise); IDs of rows that are gone already are
@@ -81,6 +85,7 @@ inline constexpr std::int64_t kBatchDeleteRowsPerChunk = 20000;
 // std::invalid_argument.
 [[nodiscard]] Expected<BatchDeleteResult> batchDeleteObjects(
     SqliteStore& store, const std::vector<ManagedObjectID>& ids, BatchDeleteRequestResultType type,
-    Progress* progress = nullptr, std::int64_t rowsPerChunk = kBatchDeleteRowsPerChunk);
+    Progress* progress = nullptr, std::int64_t rowsPerChunk = kBatchDeleteRowsPerChunk,
+    const TransactionNames& names = {});
 
 }  // namespace tesselune

@@ -46,6 +46,9 @@ Expected<std::unique_ptr<SqliteStore>> SqliteStore::open(const std::filesystem::
   if (auto s = store->readMetadata(); !s) return fail(s.error());
   if (auto s = store->checkModel(); !s) return fail(s.error());
   if (auto s = store->readEntityNumbers(); !s) return fail(s.error());
+  auto history = HistoryWriter::detect(*store->database_, *store->model_, store->numbers_, store->schema_);
+  if (!history) return fail(history.error());
+  store->history_ = std::move(*history);
   return store;
 }
 

@@ -19,6 +19,7 @@
 #include "objectstore/description/managed_object_model.h"
 #include "objectstore/managed_object_id.h"
 #include "objectstore/sqlite/database.h"
+#include "objectstore/sqlite/history_writer.h"
 #include "objectstore/sqlite/schema.h"
 
 namespace tesselune {
@@ -83,6 +84,9 @@ class SqliteStore {
   // Where every entity's rows and every property's values are, for this store's entity numbers.
   const StoreSchema& schema() const { return schema_; }
   Database& database() { return *database_; }
+  // The store's persistent history, found when it was opened; null when it keeps none. Owned by
+  // the store.
+  const HistoryWriter* history() const { return history_.get(); }
 
  private:
   SqliteStore() = default;
@@ -101,6 +105,7 @@ class SqliteStore {
   StoreSchema schema_;
   std::string openingNote_;
   std::map<std::int64_t, const EntityDescription*> entitiesByNumber_;
+  std::unique_ptr<HistoryWriter> history_;
 };
 
 }  // namespace tesselune
