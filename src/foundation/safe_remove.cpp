@@ -39,9 +39,13 @@ bool startsWith(const Components& whole, const Components& prefix) {
   return prefix.size() <= whole.size() && std::equal(prefix.begin(), prefix.end(), whole.begin());
 }
 
-FileIdentity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+FileIdentity identityOf(const struct stat& status) {
+  return {status.st_dev, status.st_ino};
+}
 
-bool isNothingThere(int error) { return error == ENOENT || error == ENOTDIR; }
+bool isNothingThere(int error) {
+  return error == ENOENT || error == ENOTDIR;
+}
 
 Error refusal(std::string_view path, std::string_view why) {
   return Error(std::string(kCocoaErrorDomain), kFileWriteNoPermissionError,
@@ -96,7 +100,8 @@ Status walk(int fd, const std::set<FileIdentity>& keep, std::string_view shown, 
       if (child >= 0) {
         FolderDescriptor folder(child);
         if (::fstat(child, &status) != 0) return fail(failure(name, errno));
-        if (keep.contains(identityOf(status))) return fail(refusal(shown, "it holds something that must stay"));
+        if (keep.contains(identityOf(status)))
+          return fail(refusal(shown, "it holds something that must stay"));
         if (auto s = walk(child, keep, shown, remove, depth + 1); !s) return s;
         if (remove && ::unlinkat(fd, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
           return fail(failure(name, errno));
@@ -117,9 +122,9 @@ Expected<FolderDescriptor> FolderDescriptor::open(const std::filesystem::path& f
   const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) {
     const int error = errno;
-    return fail(Error(std::string(kPosixErrorDomain), error,
-                      fmt::format("\u201c{}\u201d couldn\u2019t be opened. {}.", folder.string(),
-                                  std::strerror(error))));
+    return fail(Error(
+        std::string(kPosixErrorDomain), error,
+        fmt::format("\u201c{}\u201d couldn\u2019t be opened. {}.", folder.string(), std::strerror(error))));
   }
   return FolderDescriptor(fd);
 }
@@ -215,7 +220,8 @@ Expected<RemovalOutcome> removeBelow(const FolderDescriptor& base, std::string_v
       // Looked through first, so that a refusal leaves the folder whole.
       if (auto s = walk(fd, keep, shown, /*remove=*/false, 0); !s) return fail(s.error());
       if (auto s = walk(fd, keep, shown, /*remove=*/true, 0); !s) return fail(s.error());
-      if (::unlinkat(at, last.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) return fail(failure(last, errno));
+      if (::unlinkat(at, last.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
+        return fail(failure(last, errno));
       return RemovalOutcome::kRemoved;
     }
     if (errno == ENOENT) return RemovalOutcome::kAbsent;

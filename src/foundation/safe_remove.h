@@ -80,7 +80,8 @@ std::optional<FileIdentity> identityBelow(const FolderDescriptor& base, std::str
 // Removes what `relativePath` names below `base` under `rules`. Refusals fail with
 // kFileWriteNoPermissionError of the Cocoa domain and say why; failures of the file system fail
 // with the POSIX domain and errno, and may leave a folder partly emptied.
-[[nodiscard]] Expected<RemovalOutcome> removeBelow(const FolderDescriptor& base, std::string_view relativePath,
+[[nodiscard]] Expected<RemovalOutcome> removeBelow(const FolderDescriptor& base,
+                                                   std::string_view relativePath,
                                                    const RemovalRules& rules = {});
 
 }  // namespace tesselune

@@ -3,8 +3,8 @@
 // another thread while a removal runs never leading it outside.
 #include "foundation/safe_remove.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -102,8 +102,8 @@ TEST_F(SafeRemoveTest, PathsThatNameNothingTouchNothingAndAreNoError) {
   writeFile(library_ / "runs" / "plain");
   fs::create_directory_symlink(outside_, library_ / "escape");
   const auto before = treeOf(library_);
-  for (const char* path : {"missing", "runs/missing/deeper", "runs/plain/inner", "../never-made", "runs/../nope",
-                           "/never/made/anywhere", "escape/never-made"}) {
+  for (const char* path : {"missing", "runs/missing/deeper", "runs/plain/inner", "../never-made",
+                           "runs/../nope", "/never/made/anywhere", "escape/never-made"}) {
     expectOutcome(path, RemovalOutcome::kAbsent);
   }
   EXPECT_EQ(treeOf(library_), before);
@@ -115,9 +115,9 @@ TEST_F(SafeRemoveTest, PathsLeadingOutOrThroughLinksAreRefusedWhenSomethingIsThe
   fs::create_directory_symlink(library_ / "runs", library_ / "alias");
   const auto before = treeOf(library_);
   for (const std::string& path :
-       {std::string("../outside"), std::string("../outside/run1"), outside_.string(), std::string("escape/run1"),
-        std::string("alias/run1"), std::string("runs/../runs/run1"), std::string(""), std::string("."),
-        std::string("./"), std::string("runs/..")}) {
+       {std::string("../outside"), std::string("../outside/run1"), outside_.string(),
+        std::string("escape/run1"), std::string("alias/run1"), std::string("runs/../runs/run1"),
+        std::string(""), std::string("."), std::string("./"), std::string("runs/..")}) {
     SCOPED_TRACE(path);
     expectRefused(path);
   }
@@ -138,8 +138,9 @@ TEST_F(SafeRemoveTest, ProtectedEntriesAndWhatHoldsThemAreLeftWhole) {
   rules.protectedItems = {identityOf(library_ / "elsewhere")};
   const auto before = treeOf(library_);
 
-  for (const char* path : {"temporaryFiles", "./temporaryFiles/", "temporaryFiles/storeSupport.info", "store.sqlite",
-                           "runs", "runs/run2", "runs/run2/a.bin", "shared", "shared/z", "shared/z/b.bin"}) {
+  for (const char* path :
+       {"temporaryFiles", "./temporaryFiles/", "temporaryFiles/storeSupport.info", "store.sqlite", "runs",
+        "runs/run2", "runs/run2/a.bin", "shared", "shared/z", "shared/z/b.bin"}) {
     SCOPED_TRACE(path);
     expectRefused(path, rules);
   }
@@ -202,6 +203,7 @@ TEST_F(SafeRemoveTest, NamesSwappedWhileRemovingNeverLeadOutside) {
             count.fetch_add(1);
         }
       });
+      while (count.load() < 2) std::this_thread::yield();
       auto outcome = removeBelow(*base, "runs/run1");
       stop = true;
       swapper.join();
