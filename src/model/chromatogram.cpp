@@ -9,11 +9,14 @@
 #include <system_error>
 
 #include "foundation/attributed_string.h"
+#include "foundation/predicate.h"
 #include "model/data_collection.h"
 #include "model/database_search.h"
 #include "model/ion_group.h"
 #include "model/precursor_list.h"
 #include "model/spectrum.h"
+#include "objectstore/persistent_store_coordinator.h"
+#include "objectstore/sqlite/sqlite_store.h"
 
 namespace tesselune {
 
@@ -29,54 +32,59 @@ bool isDescriptionKey(std::string_view key) {
 
 namespace fs = std::filesystem;
 
-// Whether `inner` lies below `outer`; both are canonical.
-bool isStrictlyInside(const fs::path& inner, const fs::path& outer) {
-  auto in = inner.begin();
-  for (auto out = outer.begin(); out != outer.end(); ++out, ++in) {
-    if (out->empty()) continue;  // the empty element after a trailing separator
-    if (in == inner.end() || *in != *out) return false;
-  }
-  for (; in != inner.end(); ++in) {
-    if (!in->empty()) return true;
-  }
-  return false;
-}
+// Where the reports wait for the main application (the data container's temporary folder).
+constexpr std::string_view kTemporaryFolderName = "temporaryFiles";
+// What sits beside a store file and belongs to it: its logs, and the copy and backup of a migration.
+constexpr std::string_view kStoreFileCompanions[] = {"", "-wal", "-shm", "-journal", ".migrating", ".backup"};
 
-Error refusal(const fs::path& folder, std::string_view why) {
+Error refusal(std::string_view folder, std::string_view why) {
   return Error(std::string(kCocoaErrorDomain), kFileWriteNoPermissionError,
-               fmt::format("\u201c{}\u201d was not removed because {}.", folder.string(), why));
+               fmt::format("\u201c{}\u201d was not removed because {}.", folder, why));
 }
 
-// The real location of the data folder when it may be removed: a folder that lies, links
-// followed, strictly inside the data library.
-Expected<fs::path> removableFolder(const fs::path& folder, const std::optional<Url>& library) {
-  if (!library || !library->isFileUrl()) return fail(refusal(folder, "the data library is unknown"));
-  std::error_code ec;
-  const fs::path realLibrary = fs::canonical(library->path(), ec);
-  if (ec) return fail(refusal(folder, "the data library cannot be found"));
-  const fs::path realFolder = fs::canonical(folder, ec);
-  if (ec) return fail(refusal(folder, "it cannot be resolved"));
-  if (!isStrictlyInside(realFolder, realLibrary))
-    return fail(refusal(folder, "it does not lie inside the data library"));
-  if (!fs::is_directory(realFolder, ec)) return fail(refusal(folder, "it is not a folder"));
-  return realFolder;
-}
-
-// Removes the folder and, when the data folder was a link to it, the link.
-Status removeFolder(const fs::path& folder, const fs::path& realFolder) {
-  std::error_code ec;
-  fs::remove_all(realFolder, ec);
-  std::error_code linkError;  // a folder that was no link is gone now: not found is no failure
-  if (!ec && fs::is_symlink(fs::symlink_status(folder, linkError))) fs::remove(folder, ec);
-  if (ec) {
-    return fail(Error(std::string(kPosixErrorDomain), ec.value(),
-                      fmt::format("\u201c{}\u201d couldn\u2019t be removed. {}.",
-                                  realFolder.filename().string(), ec.message())));
-  }
-  return {};
+// The data folder's path below the library, as it is spelled ("runs/run1", "../elsewhere"); its own
+// absolute path when it has nothing in common with the library's.
+std::string pathBelow(const fs::path& folder, const fs::path& library) {
+  const fs::path relative = folder.lexically_relative(library);
+  return relative.empty() ? folder.string() : relative.string();
 }
 
 }  // namespace
+
+// What the data folder's removal must leave alone: the library's temporary folder, the store files
+// of the context's coordinator that lie in the library, and the folders of the other chromatograms
+// still in the store (by path and, links followed, by identity). Fails when the other chromatograms
+// cannot be fetched: nothing may be removed then.
+Expected<RemovalRules> Chromatogram::rulesForRemovingDataFolder(const FolderDescriptor& library) const {
+  RemovalRules rules;
+  rules.protectedPaths.emplace_back(kTemporaryFolderName);
+  const std::optional<FileIdentity> libraryIdentity = identityBelow(library, ".");
+  ManagedObjectContext* context = contextWithFallback();
+  if (PersistentStoreCoordinator* coordinator = context ? context->persistentStoreCoordinator() : nullptr) {
+    for (const SqliteStore* store : coordinator->persistentStores()) {
+      const bool inLibrary = identityBelow(library, store->path().parent_path().string()) == libraryIdentity;
+      for (std::string_view suffix : kStoreFileCompanions) {
+        const std::string file = store->path().string() + std::string(suffix);
+        if (auto identity = identityBelow(library, file)) rules.protectedItems.insert(*identity);
+        if (inLibrary) rules.protectedPaths.push_back(fs::path(file).filename().string());
+      }
+    }
+  }
+  if (context == nullptr) return rules;
+
+  FetchRequest request = FetchRequest::fetchRequestWithEntityName("Chromatogram");
+  request.predicate = *predicateWithFormat("dataFolderRelativePath != nil");
+  auto others = context->fetchObjects(request);
+  if (!others) return fail(others.error());
+  for (const auto& other : *others) {
+    if (other->objectID() == objectID()) continue;
+    const Value path = other->valueForKey(kDataFolderRelativePath);
+    if (!path.isString() || path.asString().empty()) continue;
+    rules.protectedPaths.push_back(path.asString());
+    if (auto identity = identityBelow(library, path.asString())) rules.protectedItems.insert(*identity);
+  }
+  return rules;
+}
 
 std::optional<Url> Chromatogram::dataFolderURL() const {
   willAccessValueForKey(kDataFolderURL);
@@ -265,17 +273,32 @@ void Chromatogram::removeDataFolder(const DeletionSupport& support) {
   // Without a folder of its own nothing on disk is touched.
   const std::optional<Url> url = dataFolderURL();
   if (!url || !url->isFileUrl()) return;
-  const fs::path folder = url->path();
+  // An absolute relative path names no data folder, whatever the URL made of it: it is judged
+  // where it points.
   const Value relativePath = valueForKey(kDataFolderRelativePath);
-  // An absolute path is refused before it is looked for: whatever it names is no data folder.
   const bool absolute = relativePath.isString() && fs::path(relativePath.asString()).is_absolute();
+  const fs::path folder = absolute ? fs::path(relativePath.asString()) : fs::path(url->path());
+  // Not reachable: nothing to do and nothing to say (this look decides nothing else).
   std::error_code ec;
-  if (!absolute && (!fs::exists(folder, ec) || ec)) return;
+  if (!fs::exists(fs::symlink_status(folder, ec))) return;
 
-  const std::optional<Url> library = environment() ? environment()->defaultDirectoryURL() : std::nullopt;
-  Expected<fs::path> realFolder = absolute ? Expected<fs::path>(fail(refusal(folder, "its path is absolute")))
-                                           : removableFolder(folder, library);
-  Status removed = realFolder ? removeFolder(folder, *realFolder) : Status(fail(realFolder.error()));
+  auto remove = [&]() -> Status {
+    const std::optional<Url> library = environment() ? environment()->defaultDirectoryURL() : std::nullopt;
+    if (!library || !library->isFileUrl())
+      return fail(refusal(folder.string(), "the data library is unknown"));
+    auto base = FolderDescriptor::open(library->path());
+    if (!base) return fail(refusal(folder.string(), "the data library cannot be found"));
+    const std::string below = absolute ? folder.string() : pathBelow(folder, fs::path(library->path()));
+    auto rules = rulesForRemovingDataFolder(*base);
+    if (!rules) {
+      return fail(refusal(below, fmt::format("the folders of the other chromatograms are unknown: {}",
+                                             rules.error().localizedDescription())));
+    }
+    auto removed = removeBelow(*base, below, *rules);
+    if (!removed) return fail(removed.error());
+    return {};
+  };
+  Status removed = remove();
   if (removed) return;
 
   const Value name = valueForKey("chromatogramName");

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "foundation/safe_remove.h"
 #include "foundation/url.h"
 #include "foundation/value.h"
 #include "model/store_object.h"
@@ -131,10 +132,12 @@ class Chromatogram : public StoreObject {
   Value valueForKey(std::string_view key) const override;
   void setValueForKey(Value value, std::string_view key) override;
 
-  // Removes the data folder, then cleans out the cascade relationships. Only a folder that lies,
-  // symbolic links followed, strictly inside the data library is removed; a failed or refused
-  // removal is shown as a critical alert (Tesselune_Error 106) queued on the main queue, and the
-  // store entries are deleted all the same. A missing folder is no error.
+  // Removes the data folder, then cleans out the cascade relationships. The folder is removed from
+  // a descriptor of the data library down (removeBelow): a link goes as a link, a plain file as a
+  // file; the library itself, its temporary folder, the store's files and the folders of the other
+  // chromatograms in the store stay, as does anything a path leads to outside the library. A failed
+  // or refused removal is shown as a critical alert (Tesselune_Error 106) queued on the main queue,
+  // and the store entries are deleted all the same. A path that names nothing is no error.
   std::vector<ManagedObjectID> willBeDeleted(ProgressReporter* reporter,
                                              const DeletionSupport& support) override;
   // The base clean-up; a failed relationship goes to the system log, labelled by the kind of
@@ -164,6 +167,7 @@ class Chromatogram : public StoreObject {
 
  private:
   void removeDataFolder(const DeletionSupport& support);
+  [[nodiscard]] Expected<RemovalRules> rulesForRemovingDataFolder(const FolderDescriptor& library) const;
 
   std::int64_t lastAccessedSpectrumIndex_ = 0;
   std::int64_t lastAccessedFragmentSpectrumIndex_ = 0;

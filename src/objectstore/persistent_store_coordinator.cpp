@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <thread>
 
@@ -57,6 +58,17 @@ Expected<SqliteStore*> PersistentStoreCoordinator::addPersistentStore(
   return stores_.back().get();
 }
 
+namespace {
+
+// Whether every entity of `earlier` is an entity of `later`, by name.
+bool sharesEntities(const ManagedObjectModel& earlier, const ManagedObjectModel& later) {
+  return !earlier.entities().empty() && std::ranges::all_of(earlier.entities(), [&](const auto& entity) {
+    return later.entityNamed(entity->name()) != nullptr;
+  });
+}
+
+}  // namespace
+
 Status PersistentStoreCoordinator::migrate(const std::filesystem::path& path,
                                            const PersistentStoreDescription& description) {
   auto metadata = SqliteStore::metadataForPersistentStoreAtPath(path);
@@ -66,9 +78,11 @@ Status PersistentStoreCoordinator::migrate(const std::filesystem::path& path,
     if (candidate->isCompatibleWithStoreMetadata(*metadata)) source = candidate;
   }
   // Without a bundled version that matches, the model the store cached of itself will do: it is
-  // only taken when its hashes are the store's.
+  // only taken when its hashes are the store's, and only when it is an earlier form of ours, every
+  // one of its entities still ours. A store of some other model is no store of ours to rewrite.
   if (!source) {
-    if (auto cached = ManagedObjectModel::modelFromStore(path)) source = std::move(*cached);
+    auto cached = ManagedObjectModel::modelFromStore(path);
+    if (cached && sharesEntities(**cached, *model_)) source = std::move(*cached);
   }
   if (!source) {
     return fail(Error(std::string(kCocoaErrorDomain), kMigrationMissingSourceModelError,

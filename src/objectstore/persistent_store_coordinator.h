@@ -60,8 +60,10 @@ class PersistentStoreCoordinator {
 
   // Opens the described store, creating the file (and its folder's missing file only, not folders)
   // when it does not exist and the store is not read-only; a store made with an earlier version of
-  // the model is migrated first when the description allows automatic migration with an inferred
-  // mapping (134130 when no version fits the store, 134140 when no mapping can be inferred). Calls the
+  // the model (a bundled one, or the model cached in the store when all its entities are the
+  // model's) is migrated first when the description allows automatic migration with an inferred
+  // mapping (134130 when no version fits the store, 134140 when no mapping can be inferred). A
+  // store of any other model is refused and left as it is. Calls the
   // handler with the description and the failure, if any. Synchronous adds call the handler before returning;
   // asynchronous ones call it on a thread of their own.
   void addPersistentStoreWithDescription(const PersistentStoreDescription& description,

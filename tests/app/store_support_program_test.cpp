@@ -10,6 +10,7 @@
 #include "app/store_maintenance.h"
 #include "app/store_verification.h"
 #include "app_test_support.h"
+#include "fixtures.h"
 
 namespace tesselune {
 namespace {
@@ -58,6 +59,21 @@ TEST_F(StoreSupportProgramTest, AStoreThatCannotBeOpenedIsAlertedOnStandardError
       << run.err;
   EXPECT_NE(run.err.find("Failure to add the Tesselune store."), std::string::npos) << run.err;
   EXPECT_EQ(testing::readWholeFile(home_.library().storeFile()), garbage);
+}
+
+// A store another program wrote with its own model, at our store's place: not migrated into ours
+// (which would drop all its objects) but refused the way an unreadable store is, and left as it was.
+TEST_F(StoreSupportProgramTest, AStoreOfAnotherModelIsRefusedAndLeftAsItWas) {
+  std::filesystem::create_directories(home_.library().folder());
+  const auto copied = test::copyFixtureStore("coredata/moody/stores/Moody 2.moody", home_.root());
+  std::filesystem::copy_file(copied, home_.library().storeFile());
+  const std::string before = testing::readWholeFile(home_.library().storeFile());
+  const auto run = runProgram();
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_NE(run.err.find("Failure to add the Tesselune store."), std::string::npos) << run.err;
+  EXPECT_EQ(testing::readWholeFile(home_.library().storeFile()), before);
+  for (const char* leftover : {".migrating", ".backup"})
+    EXPECT_FALSE(std::filesystem::exists(home_.library().storeFile().string() + leftover)) << leftover;
 }
 
 }  // namespace

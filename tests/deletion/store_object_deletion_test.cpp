@@ -226,6 +226,11 @@ class DataFolderTest : public DeletionTest {
     context_->performBlockAndWait(
         [&] { deleted = run->willBeDeleted(nullptr, deletionSupport(fakes_->services())); });
     EXPECT_EQ(deleted.size(), 2u) << "store entries go whatever became of the folder";
+    // As the pass does: the chromatogram goes too, so that it protects no folder any more.
+    context_->performBlockAndWait([&] {
+      context_->deleteObject(run);
+      save(*context_);
+    });
     std::vector<AlertContent> alerts = deliverAlerts();
     alerts.erase(alerts.begin(), alerts.begin() + static_cast<std::ptrdiff_t>(alertsSeen_));
     alertsSeen_ += alerts.size();
@@ -251,29 +256,71 @@ TEST_F(DataFolderTest, AFolderInsideTheLibraryIsRemovedWithItsContents) {
   EXPECT_TRUE(fs::exists(storeFile()));
 }
 
-TEST_F(DataFolderTest, NoFolderOrAMissingOneIsNoError) {
-  EXPECT_TRUE(deleteRun("").empty());
-  EXPECT_TRUE(deleteRun("runs/never-made").empty());
+TEST_F(DataFolderTest, NoFolderOrOneThatNamesNothingIsNoError) {
+  fs::create_directory_symlink(outside_, library() / "escape");
+  for (const char* path : {"", "runs/never-made", "../never-made", "/never/made", "escape/never-made"}) {
+    SCOPED_TRACE(path);
+    EXPECT_TRUE(deleteRun(path).empty());
+  }
   EXPECT_TRUE(fs::exists(outside_ / "keep.bin"));
 }
 
-TEST_F(DataFolderTest, ALinkInsideTheLibraryIsFollowedAndRemoved) {
+TEST_F(DataFolderTest, LinksAndPlainFilesAreRemovedAsThemselves) {
   writeFile(library() / "store" / "run1" / "a.bin");
   fs::create_directory_symlink(library() / "store" / "run1", library() / "run1");
+  fs::create_directory_symlink(outside_, library() / "escape");
+  writeFile(library() / "run2.raw");
   EXPECT_TRUE(deleteRun("run1").empty());
-  EXPECT_FALSE(fs::exists(library() / "store" / "run1"));
-  EXPECT_FALSE(fs::is_symlink(fs::symlink_status(library() / "run1")));
+  EXPECT_TRUE(deleteRun("escape").empty());
+  EXPECT_TRUE(deleteRun("run2.raw").empty());
+  for (const char* gone : {"run1", "escape", "run2.raw"})
+    EXPECT_FALSE(fs::exists(fs::symlink_status(library() / gone))) << gone;
+  EXPECT_TRUE(fs::exists(library() / "store" / "run1" / "a.bin")) << "a link's target stays";
+  EXPECT_TRUE(fs::exists(outside_ / "keep.bin"));
 }
 
 TEST_F(DataFolderTest, PathsLeadingOutOfTheLibraryAreRefusedAndReported) {
+  writeFile(library() / "runs" / "run1" / "a.bin");
+  fs::create_directory_symlink(outside_, library() / "escape");
   expectRefused(deleteRun(outside_.string()));
   expectRefused(deleteRun("../outside"));
-  fs::create_directory_symlink(outside_, library() / "escape");
-  expectRefused(deleteRun("escape"));
+  expectRefused(deleteRun("escape/keep.bin"));
+  expectRefused(deleteRun("runs/../runs/run1"));
   expectRefused(deleteRun("."));  // the library itself
   EXPECT_TRUE(fs::exists(outside_ / "keep.bin"));
+  EXPECT_TRUE(fs::exists(library() / "runs" / "run1" / "a.bin"));
   EXPECT_TRUE(fs::exists(storeFile()));
   EXPECT_EQ(count("SpectrumSingle"), 0);
+}
+
+TEST_F(DataFolderTest, TheLibrarysOwnFilesAndFoldersOfOtherChromatogramsStay) {
+  writeFile(temporaryFolder() / "storeSupport.info");
+  writeFile(library() / "shared" / "run" / "a.bin");
+  writeFile(library() / "real" / "run9" / "a.bin");
+  fs::create_directory_symlink(library() / "real" / "run9", library() / "alias");
+  auto other = insertChromatogram(*context_, "Other", "shared/run", false);
+  insertChromatogram(*context_, "Aliased", "alias", false);
+  save(*context_);
+
+  for (const char* path : {"temporaryFiles", "temporaryFiles/storeSupport.info", "TesseluneStore.tesselune",
+                           "TesseluneStore.tesselune-wal", "shared", "shared/run", "shared/run/a.bin", "real",
+                           "real/run9", "alias"}) {
+    SCOPED_TRACE(path);
+    expectRefused(deleteRun(path));
+  }
+  EXPECT_TRUE(fs::exists(temporaryFolder() / "storeSupport.info"));
+  EXPECT_TRUE(fs::exists(library() / "shared" / "run" / "a.bin"));
+  EXPECT_TRUE(fs::exists(library() / "real" / "run9" / "a.bin"));
+  EXPECT_TRUE(fs::is_symlink(library() / "alias"));
+  EXPECT_EQ(count("Chromatogram", "chromatogramName == 'Run'"), 0);
+
+  // Once the other chromatogram has gone, its folder is an ordinary one.
+  context_->performBlockAndWait([&] {
+    context_->deleteObject(other);
+    save(*context_);
+  });
+  EXPECT_TRUE(deleteRun("shared").empty());
+  EXPECT_FALSE(fs::exists(library() / "shared"));
 }
 
 TEST_F(DataFolderTest, AFolderThatCannotBeRemovedIsReportedWithTheCause) {

@@ -102,7 +102,8 @@ TEST(Migration, AddsAnEntityToTheManyToManyStoreKeepingItsObjects) {
 }
 
 // Core Data's own stores of each Moody version, moved forward one version at a time: relationships
-// added (v3), a hierarchy split into tables (v4), an entity removed (v5) and added again (v6).
+// added (v3), a hierarchy split into tables (v4), an entity removed (v5, once it holds nothing) and
+// added again (v6). Each step leaves neither its copy nor the old store's backup behind.
 TEST(Migration, CarriesMoodyStoresThroughEveryLaterVersion) {
   const fs::path bundle = kFixtures / "coredata/moody/Moody.xcdatamodeld";
   const std::vector<std::string> versions = {"Moody", "Moody 2", "Moody 3", "Moody 4", "Moody 5", "Moody 6"};
@@ -115,7 +116,20 @@ TEST(Migration, CarriesMoodyStoresThroughEveryLaterVersion) {
 
   for (std::size_t v = 2; v < versions.size(); ++v) {
     SCOPED_TRACE(versions[v]);
+    if (versions[v] == "Moody 5") {
+      // v5 drops continents: refused while there are any, the store left as it was.
+      const std::string before = fileBytes(path);
+      auto dropped = migrateStore(path, version(bundle, versions[v - 1]), version(bundle, versions[v]));
+      ASSERT_FALSE(dropped);
+      EXPECT_EQ(dropped.error().code(), kMigrationError);
+      EXPECT_NE(dropped.error().localizedDescription().find("Continent"), std::string::npos)
+          << dropped.error().localizedDescription();
+      EXPECT_EQ(fileBytes(path), before);
+      exec(path, "DELETE FROM ZCONTINENT");
+    }
     ASSERT_TRUE(migrateStore(path, version(bundle, versions[v - 1]), version(bundle, versions[v])));
+    for (const char* leftover : {".migrating", ".backup", ".backup-2"})
+      EXPECT_FALSE(fs::exists(path.string() + leftover)) << leftover;
     auto store = SqliteStore::open(path, version(bundle, versions[v]), {.readOnly = true});
     ASSERT_TRUE(store) << store.error().debugDescription();
     store->reset();
@@ -194,6 +208,32 @@ TEST(Migration, CoordinatorMigratesOnlyWhenItMayAndKnowsTheSourceModel) {
   // there is none.
   EXPECT_EQ(add({}, true, true), 0);
   EXPECT_EQ(add({}, true, true, false), kMigrationMissingSourceModelError);
+
+  // A store of another model, even one whose cached model fits its hashes, is no earlier version:
+  // refused, and the file not touched.
+  const fs::path foreign = test::copyFixtureStore("coredata/moody/stores/Moody 2.moody", folder);
+  const std::string before = fileBytes(foreign);
+  PersistentStoreCoordinator coordinator(current);
+  auto store = coordinator.addPersistentStore(
+      PersistentStoreDescription::persistentStoreDescriptionWithURL(Url::fileUrl(foreign.string(), false)));
+  ASSERT_FALSE(store);
+  EXPECT_EQ(store.error().code(), kMigrationMissingSourceModelError);
+  EXPECT_EQ(fileBytes(foreign), before);
+  EXPECT_FALSE(fs::exists(foreign.string() + ".migrating"));
+}
+
+// A backup left by an earlier migration (one killed before it could drop it) is not overwritten:
+// this migration takes the next name for its own and drops only that one.
+TEST(Migration, AnEarlierBackupIsLeftAlone) {
+  const fs::path folder = test::scratchFolder("migrate-backup");
+  const fs::path path = test::copyFixtureStore("coredata/many-to-many/TestModel.sqlite", folder);
+  { std::ofstream(path.string() + ".backup") << "an older store"; }
+  exec(path, "INSERT INTO ZAUTHOR (Z_PK, Z_ENT, Z_OPT, ZFIRSTNAME) VALUES (1, 1, 1, 'Ada')");
+  ASSERT_TRUE(migrateStore(path, version(kBooks, "TestModel"), version(kBooks, "TestModel 2")));
+  EXPECT_EQ(fileBytes(path.string() + ".backup"), "an older store");
+  EXPECT_FALSE(fs::exists(path.string() + ".backup-2"));
+  EXPECT_EQ(sql(path, "SELECT ZFIRSTNAME FROM ZAUTHOR"), "Ada");
+  EXPECT_EQ(sql(path, "PRAGMA journal_mode"), "wal");
 }
 
 }  // namespace

@@ -68,6 +68,49 @@ void removeStoreFiles(const std::filesystem::path& path) {
     std::filesystem::remove(path.string() + suffix, ec);
 }
 
+// Refuses a migration that would leave objects behind: every source entity that holds rows of its
+// own must have a destination of the same name.
+Status nothingDropped(SqliteStore& source, const ManagedObjectModel& destination) {
+  for (const auto& entity : source.model().entities()) {
+    if (destination.entityNamed(entity->name()) != nullptr) continue;
+    const std::optional<std::int64_t> number = source.entityNumber(*entity);
+    if (!number) continue;
+    auto count = source.database().prepare(
+        fmt::format("SELECT COUNT(*) FROM {} WHERE Z_ENT = {}", SqliteStore::tableName(*entity), *number));
+    if (!count) return fail(count.error());
+    auto row = count->step();
+    if (!row) return fail(row.error());
+    if (*row && count->integer(0) > 0) {
+      return fail(
+          migrationFailed(source.path(), fmt::format("the new model has no entity {} for its {} objects",
+                                                     entity->name(), count->integer(0))));
+    }
+  }
+  return {};
+}
+
+// Whether the store open as `db` passes SQLite's own check.
+Status checksOut(Database& db) {
+  auto check = db.prepare("PRAGMA integrity_check");
+  if (!check) return fail(check.error());
+  auto row = check->step();
+  if (!row) return fail(row.error());
+  const std::string verdict = *row ? check->text(0) : "";
+  if (verdict == "ok") return {};
+  return fail(migrationFailed(db.path(), fmt::format("the migrated copy does not check out ({})", verdict)));
+}
+
+// A second name for the store file, beside it: the first free of "<store>.backup", ".backup-2", ….
+Expected<std::filesystem::path> linkBackup(const std::filesystem::path& path) {
+  for (int n = 1; n <= 100; ++n) {
+    const std::filesystem::path backup = path.string() + ".backup" + (n == 1 ? "" : "-" + std::to_string(n));
+    if (::link(path.c_str(), backup.c_str()) == 0) return backup;
+    if (errno != EEXIST)
+      return fail(migrationFailed(path, fmt::format("no backup: {}", std::strerror(errno))));
+  }
+  return fail(migrationFailed(path, "no backup: every backup name is taken"));
+}
+
 // Copies the objects of the source store (attached as "old") into the new store's tables.
 class StoreCopier {
  public:
@@ -358,6 +401,7 @@ Status migrateStore(const std::filesystem::path& path, std::shared_ptr<const Man
   if (!mapping) return fail(mapping.error());
   auto old = SqliteStore::open(path, source, {.readOnly = false, .busyTimeout = busyTimeout});
   if (!old) return fail(old.error());
+  if (auto s = nothingDropped(**old, *destination); !s) return s;
 
   // A leftover of an interrupted migration is only ever an incomplete copy.
   const std::filesystem::path copy = path.string() + ".migrating";
@@ -377,6 +421,7 @@ Status migrateStore(const std::filesystem::path& path, std::shared_ptr<const Man
     if (copied) copied = carryMetadata(**old, **fresh);
     if (copied) copied = countsAgree(**old, **fresh, *mapping);
     if (copied) copied = db.execute("COMMIT");
+    if (copied) copied = checksOut(db);
     if (!copied) (void)db.execute("ROLLBACK");
     (void)db.execute("DETACH DATABASE old");
     if (!copied) return copied;
@@ -398,18 +443,46 @@ Status migrateStore(const std::filesystem::path& path, std::shared_ptr<const Man
   }
   old->reset();
   if (auto s = flushFile(copy); !s) return s;
+
+  // The old file keeps a second name until the new one has taken its place and opens as a store of
+  // the new model; a crash in between leaves both, each whole.
+  const std::filesystem::path directory = path.parent_path().empty() ? "." : path.parent_path();
+  auto backup = linkBackup(path);
+  if (!backup) {
+    removeStoreFiles(copy);
+    return fail(backup.error());
+  }
   std::error_code ec;
   std::filesystem::rename(copy, path, ec);
   if (ec) {
     removeStoreFiles(copy);
+    std::filesystem::remove(*backup, ec);
     return fail(migrationFailed(path, ec.message()));
   }
-  if (auto s = flushFile(path.parent_path().empty() ? "." : path.parent_path()); !s) return s;
+  if (auto s = flushFile(directory); !s) return s;
 
-  // Back to the write-ahead log the main application expects.
-  auto reopened = Database::open(path, Database::Mode::ReadWrite, busyTimeout);
-  if (!reopened) return fail(reopened.error());
-  return setJournalMode(**reopened, "WAL");
+  auto settle = [&]() -> Status {
+    // Back to the write-ahead log the main application expects.
+    {
+      auto reopened = Database::open(path, Database::Mode::ReadWrite, busyTimeout);
+      if (!reopened) return fail(reopened.error());
+      if (auto s = checksOut(**reopened); !s) return s;
+      if (auto s = setJournalMode(**reopened, "WAL"); !s) return s;
+    }
+    auto opened = SqliteStore::open(path, destination, {.readOnly = true, .busyTimeout = busyTimeout});
+    if (!opened) return fail(opened.error());
+    return {};
+  };
+  if (Status settled = settle(); !settled) {
+    // The old store comes back; the new one is dropped with its log.
+    std::filesystem::remove(path.string() + "-wal", ec);
+    std::filesystem::remove(path.string() + "-shm", ec);
+    std::filesystem::rename(*backup, path, ec);
+    (void)flushFile(directory);
+    return settled;
+  }
+  std::filesystem::remove(*backup, ec);
+  return flushFile(directory);
 }
 
 }  // namespace tesselune

@@ -7,9 +7,12 @@
 // unique). A changed attribute type, a relationship that changes between to-one and to-many or
 // changes its destination, and hierarchies merged from different roots cannot be inferred.
 //
-// Migrating never changes the original file until the migrated copy is complete: the copy is built
-// beside the store and then renamed over it, so a crash leaves either the old store or the new one.
-// The store must not be open elsewhere while it migrates.
+// Migrating never loses data. Objects of an entity the new model no longer has refuse the
+// migration. The copy is built beside the store ("<store>.migrating") and must pass SQLite's
+// integrity check; the old file then gets a second name ("<store>.backup") before the copy is
+// renamed over it, and that backup goes only once the new file checks out again and opens as a
+// store of the new model (otherwise it is put back). A crash leaves the old store, or the new one
+// with the old one's backup beside it. The store must not be open elsewhere while it migrates.
 #pragma once
 
 #include <chrono>
@@ -43,8 +46,9 @@ class MappingModel {
 // Moves the store at `path`, made with `source`, to `destination` through the inferred mapping.
 // The store keeps its UUID, its objects' keys and its metadata's other keys. Fails with 134140
 // when no mapping can be inferred, 134110 when the data does not fit the new model (a required
-// attribute without a default and objects without a value), or with the file error; the original
-// store is then as it was.
+// attribute without a default and objects without a value, objects of an entity the new model
+// drops) or the copy does not check out, or with the file error; the original store's objects
+// are then as they were.
 [[nodiscard]] Status migrateStore(const std::filesystem::path& path,
                                   std::shared_ptr<const ManagedObjectModel> source,
                                   std::shared_ptr<const ManagedObjectModel> destination,
