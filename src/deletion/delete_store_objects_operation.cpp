@@ -77,19 +77,15 @@ void DeleteStoreObjectsOperation::reportDeletions(const std::vector<ManagedObjec
     }
   }
   if (!deletionReportExists(folder)) return;
-  if (!services.workspace) return;
-  for (const std::string& name : services.workspace->runningApplicationNames()) {
-    if (name != kMainApplicationName) continue;
-    if (services.notifications) {
-      if (auto posted = services.notifications->postNotificationName(kDeletionNotificationName,
-                                                                     kDeletionNotificationObject);
-          !posted) {
-        printLine(services, posted.error().localizedDescription());
-      }
+  if (!services.workspace || !services.workspace->isApplicationRunning(kMainApplicationName)) return;
+  if (services.notifications) {
+    if (auto posted = services.notifications->postNotificationName(kDeletionNotificationName,
+                                                                   kDeletionNotificationObject);
+        !posted) {
+      printLine(services, posted.error().localizedDescription());
     }
-    logLine(services, "Sending global notification remoteObjectsDelete");
-    return;
   }
+  logLine(services, "Sending global notification remoteObjectsDelete");
 }
 
 std::optional<std::vector<ManagedObjectID>> DeleteStoreObjectsOperation::fetchMarked(

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -81,11 +82,12 @@ class RecordingNotifications : public DistributedNotificationCenter {
   std::vector<std::pair<std::string, std::string>> posted_;
 };
 
+// The running applications by the names they answer to.
 class FixedWorkspace : public Workspace {
  public:
-  std::vector<std::string> runningApplicationNames() override {
+  bool isApplicationRunning(std::string_view localizedName) override {
     std::lock_guard lock(mutex_);
-    return names_;
+    return std::find(names_.begin(), names_.end(), localizedName) != names_.end();
   }
   void setNames(std::vector<std::string> names) {
     std::lock_guard lock(mutex_);
