@@ -81,6 +81,9 @@ int main(int argc, char** argv) {
     AppDelegate delegate(services);
     if (delegate.applicationDidFinishLaunching()) {
       QCoreApplication::exec();
+      // However the loop ended (our quit, or the session's), alerts asked for from now on are not
+      // shown, and the passes still running, which the delegate waits for, never wait for one.
+      queue->close();
       delegate.applicationWillTerminate();
     }
   }

@@ -64,7 +64,9 @@ Url ApplicationDataContainer::dataLibraryURL(const StoreSupportServices& service
   std::filesystem::create_directories(folder.path(), ec);
   if (!ec && std::filesystem::is_directory(folder.path(), ec)) return folder;
 
-  // The cause is not shown: the user is told what to do instead.
+  // The cause is not shown: the user is told what to do instead. Once, however many threads find
+  // the folder missing: the program is ending.
+  if (terminationRequested(services)) return folder;
   AlertContent alert;
   alert.style = AlertContent::Style::Critical;
   alert.messageText = "Fatal Error when trying to create the folder to store the application data.";
@@ -72,7 +74,7 @@ Url ApplicationDataContainer::dataLibraryURL(const StoreSupportServices& service
       fmt::format("Try to create a folder named \"{}\" at the location \"{}\" manually.",
                   kDataLibraryFolderName, folder.deletingLastPathComponent().absoluteString());
   if (services.alerts) services.alerts->runModal(alert);
-  if (services.terminate) services.terminate();
+  requestTermination(services);
   return folder;
 }
 

@@ -5,7 +5,8 @@
 // coordinators from a small pool for readers that work beside the main writing context.
 //
 // A folder that cannot be created is fatal: a critical alert tells the user where to make it by hand
-// and the program is terminated (services.terminate, which returns; the URL is answered anyway).
+// and the program is terminated (requestTermination: nothing new starts afterwards, and no second
+// alert is shown; the URL is answered anyway, for callers that are ending).
 #pragma once
 
 #include <cstddef>

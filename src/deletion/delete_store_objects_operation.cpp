@@ -39,13 +39,17 @@ void DeleteStoreObjectsOperation::main() {
   };
 
   if (auto ids = fetchMarked("Chromatogram", *marked); ids && !ids->empty()) {
-    for (const ManagedObjectID& id : *ids) append(deleteChromatogram(id));
+    for (const ManagedObjectID& id : *ids) {
+      if (ending()) break;
+      append(deleteChromatogram(id));
+    }
     // Set for every fetched chromatogram, deleted or not: the main application then reloads its list.
     chromatogramDeleted = true;
   }
 
   if (auto ids = fetchMarked("DatabaseSearchResult", *marked)) {
     for (const ManagedObjectID& id : *ids) {
+      if (ending()) break;
       std::vector<ManagedObjectID> list;
       context.performBlockAndWait([&] { deleteStoreObject<DatabaseSearchResult>(context, id, list); });
       append(list);
@@ -53,16 +57,23 @@ void DeleteStoreObjectsOperation::main() {
   }
 
   if (auto ids = fetchMarked("DatabaseSearchJoin", *marked)) {
-    for (const ManagedObjectID& id : *ids) append(deleteDatabaseSearchGroup(id));
+    for (const ManagedObjectID& id : *ids) {
+      if (ending()) break;
+      append(deleteDatabaseSearchGroup(id));
+    }
   }
 
   FetchRequest collections = FetchRequest::fetchRequestWithEntityName("DataCollection");
   collections.resultType = FetchRequestResultType::ManagedObject;
   collections.predicate = *marked;
-  context.performBlockAndWait([&] { deleteDataCollections(context, collections, deleted); });
+  if (!ending()) context.performBlockAndWait([&] { deleteDataCollections(context, collections, deleted); });
 
   numberOfDeletedObjects_ = static_cast<std::int64_t>(deleted.size());
   reportDeletions(deleted, chromatogramDeleted);
+}
+
+bool DeleteStoreObjectsOperation::ending() const {
+  return terminationRequested(applicationContainer_->services());
 }
 
 void DeleteStoreObjectsOperation::reportDeletions(const std::vector<ManagedObjectID>& deleted,

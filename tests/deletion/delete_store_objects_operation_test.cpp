@@ -251,5 +251,50 @@ TEST_F(DeletionPassTest, LaunchOnAStoreThatCannotBeOpenedShowsTheCriticalAlertOn
   EXPECT_EQ(fakes_->terminationCount(), 0) << "the caller exits at once instead";
 }
 
+// A place where the data folder cannot be made: a file where the group's folder belongs.
+Url blockedGroupContainer() {
+  const fs::path blocked = scratchFolder("blocked");
+  std::ofstream(blocked / "group") << "a file where the folder belongs";
+  return Url::fileUrl((blocked / "group").string(), true);
+}
+
+TEST_F(DeletionPassTest, LaunchWhereTheDataFolderCannotBeMadeShowsItsAlertOnly) {
+  container_.reset();
+  fakes_->groups->setContainer(blockedGroupContainer());
+  EXPECT_FALSE(startStoreSupport(fakes_->services()));
+  const auto alerts = fakes_->alerts->shown();
+  ASSERT_EQ(alerts.size(), 1u);
+  EXPECT_EQ(alerts[0].messageText,
+            "Fatal Error when trying to create the folder to store the application data.");
+  EXPECT_EQ(fakes_->terminationCount(), 1);
+  EXPECT_EQ(fakes_->log->lines(), Strings{"Starting store support application"});
+}
+
+// The data folder can no longer be made while a pass runs: its alert is the last one, the pass takes
+// up no further object, reports what went, and no pass follows.
+TEST_F(DeletionPassTest, ADataFolderLostDuringAPassEndsTheRunAfterOneAlert) {
+  insertChromatogram(*context_, "First", "runs/first", true);
+  insertChromatogram(*context_, "Second", "runs/second", true);
+  save(*context_);
+  const Url blocked = blockedGroupContainer();
+  fakes_->log->onLine = [&](std::string_view line) {
+    if (line == "Starting to delete a chromatogram") fakes_->groups->setContainer(blocked);
+  };
+
+  const DeletionRoundsSummary summary = runDeletionRounds(container_);
+  EXPECT_EQ(summary.passes, 1);
+  EXPECT_EQ(summary.deletedObjects, 1);
+  EXPECT_EQ(count("Chromatogram"), 1);
+  const auto alerts = fakes_->alerts->shown();
+  ASSERT_EQ(alerts.size(), 1u);
+  EXPECT_EQ(alerts[0].messageText,
+            "Fatal Error when trying to create the folder to store the application data.");
+  EXPECT_EQ(fakes_->terminationCount(), 1);
+  const Strings lines = fakes_->log->lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Starting to delete a chromatogram"), 1) << lines.size();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Ending store support application"), 0);
+  EXPECT_EQ(reportNames(), Strings{"storeSupport.info"});
+}
+
 }  // namespace
 }  // namespace tesselune::test

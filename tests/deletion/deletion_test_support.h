@@ -103,12 +103,19 @@ class FixedGroupContainers : public GroupContainerLocator {
  public:
   explicit FixedGroupContainers(std::optional<Url> container) : container_(std::move(container)) {}
   std::optional<Url> containerUrlForGroupIdentifier(std::string_view identifier) override {
+    std::lock_guard lock(mutex_);
     asked.emplace_back(identifier);
     return container_;
+  }
+  // Moves the container, also while a run asks from other threads.
+  void setContainer(std::optional<Url> container) {
+    std::lock_guard lock(mutex_);
+    container_ = std::move(container);
   }
   std::vector<std::string> asked;
 
  private:
+  std::mutex mutex_;
   std::optional<Url> container_;
 };
 
