@@ -4,9 +4,9 @@
 // It shows nothing but alerts: message boxes when there is a screen, text on standard error when
 // there is none, so that a run without a display never waits for a person.
 //
-// It takes no arguments. Any argument (a "--help" typed by a person, most likely) gets one line
-// saying so and the program ends without opening the store: deleting on a mistyped command line
-// would be the wrong surprise. The exit status is 0 in every case.
+// Arguments are accepted and ignored, as a desktop session may pass some of its own (Qt takes those
+// it knows). Two are answered instead: "--help" and "--version" print one short text and the
+// program ends without opening the store. The exit status is 0 in every case.
 #include <QApplication>
 #include <QCoreApplication>
 #include <QDir>
@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "app/app_delegate.h"
 #include "foundation/main_queue.h"
@@ -49,10 +50,20 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 1) {
-    std::cout << "tesselune-store-support takes no arguments; it is started by Tesselune and has "
-                 "nothing to do when given some.\n";
-    return 0;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view argument = argv[i];
+    if (argument == "--help") {
+      std::cout
+          << "Usage: tesselune-store-support\n"
+             "Deletes the objects that Tesselune marked for deletion in its shared store, with their "
+             "data folders,\nleaves a deletion report for Tesselune and tells it when it runs. Tesselune "
+             "starts it; arguments\nare ignored.\n";
+      return 0;
+    }
+    if (argument == "--version") {
+      std::cout << "tesselune-store-support " TESSELUNE_VERSION "\n";
+      return 0;
+    }
   }
 
   using namespace tesselune;

@@ -1,5 +1,5 @@
 // The built store support program run as a process on scratch libraries, headless (no display, no
-// session bus): it refuses arguments without touching the store and reports an unreadable store.
+// session bus): its arguments, and what the user sees when the store or its folder cannot be had.
 // Whole clean-ups are checked in store_support_session_test.cpp.
 #include <gtest/gtest.h>
 
@@ -45,14 +45,27 @@ class StoreSupportProgramTest : public ::testing::Test {
   ScratchHome home_;
 };
 
-TEST_F(StoreSupportProgramTest, ArgumentsGetOneLineAndLeaveTheStoreAlone) {
+// A desktop may start the program with arguments of its own: they change nothing. Only "--help" and
+// "--version" are answered, with one short text, and the store is not opened for them.
+TEST_F(StoreSupportProgramTest, HelpAndVersionAnswerWithoutOpeningTheStoreOtherArgumentsAreIgnored) {
   ASSERT_TRUE(buildDemoStore(home_.library(), testing::smallDemo(), nullptr));
-  const auto run = runProgram({"--help"});
-  EXPECT_EQ(run.exitCode, 0);
-  EXPECT_EQ(std::count(run.out.begin(), run.out.end(), '\n'), 1) << run.out;
-  EXPECT_NE(run.out.find("takes no arguments"), std::string::npos);
-  EXPECT_EQ(status().marked.size(), 4u);
+  const std::string storeBytes = testing::readWholeFile(home_.library().storeFile());
+
+  const auto help = runProgram({"--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_TRUE(help.out.starts_with("Usage: tesselune-store-support\n")) << help.out;
+  EXPECT_LE(countOf(help.out, "\n"), 4u) << help.out;
+  const auto version = runProgram({"--ignored", "--version"});
+  EXPECT_EQ(version.exitCode, 0);
+  EXPECT_EQ(version.out, "tesselune-store-support " + std::string(TESSELUNE_VERSION) + "\n");
+  EXPECT_TRUE(help.err.empty() && version.err.empty()) << help.err << version.err;
+  EXPECT_EQ(testing::readWholeFile(home_.library().storeFile()), storeBytes);
   EXPECT_TRUE(readReports(home_.library().temporaryFolder()).empty());
+
+  const auto run = runProgram({"-psn_0_4711", "--session=desktop", home_.root().string() + "/Some File.raw"});
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_TRUE(status().marked.empty());
+  EXPECT_EQ(readReports(home_.library().temporaryFolder()).size(), 1u);
 }
 
 TEST_F(StoreSupportProgramTest, AStoreThatCannotBeOpenedIsAlertedOnStandardErrorAndLeftAsItWas) {
