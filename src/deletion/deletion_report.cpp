@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -109,12 +110,31 @@ std::optional<pid_t> scratchWriter(std::string_view name) {
   return pid;
 }
 
+// ".storeSupport.info.<random>.tmp" or ".storeSupport_<n>.info.<random>.tmp", as earlier versions
+// named their scratch files.
+bool isOldScratchName(std::string_view name) {
+  if (!name.starts_with(kScratchPrefix) || !name.ends_with(kScratchSuffix)) return false;
+  const std::size_t info = name.find(".info.");
+  if (info == std::string_view::npos) return false;
+  const std::string_view random = name.substr(info + 6, name.size() - info - 6 - kScratchSuffix.size());
+  return !random.empty() && random.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
 // Removes the scratch files of writers that no longer run (a run killed while it wrote). Files of
 // a running writer stay, and so does anything not named as a scratch file.
 void removeAbandonedScratchFiles(const fs::path& folder) {
   std::error_code ec;
   for (const fs::directory_entry& entry : fs::directory_iterator(folder, ec)) {
-    const std::optional<pid_t> writer = scratchWriter(entry.path().filename().string());
+    const std::string name = entry.path().filename().string();
+    const std::optional<pid_t> writer = scratchWriter(name);
+    if (!writer && isOldScratchName(name)) {
+      // Named by an earlier version, without its writer: left alone while it may still be written.
+      std::error_code ignored;
+      const auto written = fs::last_write_time(entry.path(), ignored);
+      if (!ignored && fs::file_time_type::clock::now() - written > std::chrono::hours(1))
+        fs::remove(entry.path(), ignored);
+      continue;
+    }
     if (!writer || *writer == ::getpid()) continue;
     if (::kill(*writer, 0) == 0 || errno != ESRCH) continue;
     std::error_code ignored;
