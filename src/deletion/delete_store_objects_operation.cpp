@@ -89,12 +89,14 @@ void DeleteStoreObjectsOperation::reportDeletions(const std::vector<ManagedObjec
   }
   if (!deletionReportExists(folder)) return;
   if (!services.workspace || !services.workspace->isApplicationRunning(kMainApplicationName)) return;
-  if (services.notifications) {
-    if (auto posted = services.notifications->postNotificationName(kDeletionNotificationName,
-                                                                   kDeletionNotificationObject);
-        !posted) {
-      printLine(services, posted.error().localizedDescription());
-    }
+  if (!services.notifications) return;
+  // A notification that did not go out is a failure of the pass: the user learns that the main
+  // application still shows what is gone.
+  if (auto posted = services.notifications->postNotificationName(kDeletionNotificationName,
+                                                                 kDeletionNotificationObject);
+      !posted) {
+    errors_.push_back(posted.error());
+    return;
   }
   logLine(services, "Sending global notification remoteObjectsDelete");
 }

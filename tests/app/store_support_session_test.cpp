@@ -569,14 +569,21 @@ TEST_F(StoreSupportSessionTest, NoSignalWithoutTheApplicationOrWithoutAReport) {
 }
 
 // Without a reachable bus the running application cannot be told: each pass that would have posted
-// says so in one line on standard output, and the run ends as usual.
-TEST_F(StoreSupportSessionTest, WithoutABusEachPassThatWouldPostSaysSoOnce) {
+// counts it among its errors, the alert at the end shows them, and the log never claims a signal
+// went out.
+TEST_F(StoreSupportSessionTest, WithoutABusEachPassThatWouldPostEndsInTheErrorAlert) {
   buildDemo(testing::smallDemo());
   StandInApplication application(home_.root());
-  const auto run = runProgram();
+  const auto run = runProgramOnTerminal();
   EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(countOf(run.out, "\n"), 2u) << run.out;
-  EXPECT_EQ(countOf(run.out, "The notification remoteObjectsDelete could not be posted"), 2u) << run.out;
+  EXPECT_EQ(countOf(run.err, "Starting delete operation"), 2u) << run.err;
+  EXPECT_EQ(countOf(run.err, "Sending global notification remoteObjectsDelete"), 0u) << run.err;
+  EXPECT_EQ(countOf(run.err, "Alert ("), 1u) << run.err;
+  EXPECT_NE(run.err.find("Alert (informational): Several errors ocurred in course of chromatogram deletion.."),
+            std::string::npos)
+      << run.err;
+  EXPECT_EQ(countOf(run.err, "The notification remoteObjectsDelete could not be posted"), 2u) << run.err;
+  EXPECT_TRUE(run.out.empty()) << run.out;
   EXPECT_EQ(reports().size(), 1u);
 }
 
