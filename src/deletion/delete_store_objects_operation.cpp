@@ -130,7 +130,11 @@ std::optional<std::vector<ManagedObjectID>> DeleteStoreObjectsOperation::fetchOb
 template <class C>
 void DeleteStoreObjectsOperation::deleteStoreObject(ManagedObjectContext& context, const ManagedObjectID& id,
                                                     std::vector<ManagedObjectID>& list) {
-  auto object = std::dynamic_pointer_cast<C>(context.objectWithID(id));
+  // Read now rather than as a fault: an object that went since the fetch (the main application, or
+  // another run, deleted it) is skipped, neither counted nor reported.
+  auto existing = context.existingObjectWithID(id);
+  if (!existing) return;
+  auto object = std::dynamic_pointer_cast<C>(*existing);
   if (!object) return;
   const std::vector<ManagedObjectID> related =
       object->willBeDeleted(nullptr, deletionSupport(applicationContainer_->services()));
@@ -138,7 +142,12 @@ void DeleteStoreObjectsOperation::deleteStoreObject(ManagedObjectContext& contex
 
   auto request = BatchDeleteRequest::initWithObjectIDs({id});
   request.resultType = BatchDeleteRequestResultType::ResultTypeCount;
-  if (auto result = context.executeRequest(request); !result) errors_.push_back(result.error());
+  auto result = context.executeRequest(request);
+  if (!result) {
+    errors_.push_back(result.error());
+  } else if (result->count == 0) {
+    return;  // gone during its own clean-up: what the clean-up took is counted, the object is not
+  }
   // Listed even when the batch delete failed: the next pass then looks again.
   list.push_back(id);
 }

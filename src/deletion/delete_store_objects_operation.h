@@ -48,8 +48,9 @@ class DeleteStoreObjectsOperation : public Operation {
                                                              const FetchRequest& request);
   std::optional<std::vector<ManagedObjectID>> fetchMarked(std::string_view entityName,
                                                           const Predicate& marked);
-  // The object's clean-up, then a batch delete of its ID; objects not of class C are skipped. The
-  // ID is listed even when its batch delete failed. Runs inside the context's block.
+  // The object's clean-up, then a batch delete of its ID; objects not of class C, and objects that
+  // no longer exist, are skipped. The ID is listed even when its batch delete failed, not when the
+  // object went meanwhile. Runs inside the context's block.
   template <class C>
   void deleteStoreObject(ManagedObjectContext& context, const ManagedObjectID& id,
                          std::vector<ManagedObjectID>& list);

@@ -296,5 +296,29 @@ TEST_F(DeletionPassTest, ADataFolderLostDuringAPassEndsTheRunAfterOneAlert) {
   EXPECT_EQ(reportNames(), Strings{"storeSupport.info"});
 }
 
+// The main application (or another run) deletes a marked object after the pass fetched it: the
+// pass skips it without counting or reporting it, and so does not run again for its sake.
+TEST_F(DeletionPassTest, AnObjectThatWentAfterTheFetchIsNeitherCountedNorReported) {
+  auto kept = insertChromatogram(*context_, "Marked", "", true);
+  insertChromatogram(*context_, "Gone", "", true);
+  save(*context_);
+  bool removed = false;
+  fakes_->log->onLine = [&](std::string_view line) {
+    if (line != "Starting to delete a chromatogram" || removed) return;
+    removed = true;
+    runSql(storeFile(), "DELETE FROM ZCHROMATOGRAM WHERE ZCHROMATOGRAMNAME = 'Gone';");
+  };
+
+  const DeletionRoundsSummary summary = runDeletionRounds(container_);
+  EXPECT_TRUE(removed);
+  EXPECT_TRUE(summary.errors.empty()) << summary.errors[0].debugDescription();
+  EXPECT_EQ(summary.deletedObjects, 1);
+  EXPECT_EQ(summary.passes, 2);
+  EXPECT_EQ(count("Chromatogram"), 0);
+  ASSERT_EQ(reportNames(), Strings{"storeSupport.info"});
+  EXPECT_EQ(urisOfReport(report("storeSupport.info")),
+            Strings{kept->objectID().URIRepresentation().absoluteString()});
+}
+
 }  // namespace
 }  // namespace tesselune::test
