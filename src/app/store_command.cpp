@@ -22,8 +22,11 @@ namespace tesselune {
 
 namespace {
 
-int failed(const CommandOutput& output, const Error& error) {
+// One clear line; with --verbose the platform's detail (SQLite's code and message, the statement,
+// the path) follows on a line of its own.
+int failed(const CommandOutput& output, bool verbose, const Error& error) {
   output.err << "tesselune-store: " << error.localizedDescription() << '\n';
+  if (verbose && !error.debugDetail().empty()) output.err << "  " << error.debugDetail() << '\n';
   return kExitFailure;
 }
 
@@ -50,6 +53,11 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   app.add_option("--store", storePath,
                  "The store file to work on; by default TesseluneStore.tesselune in the shared data library "
                  "($XDG_DATA_HOME/Group Containers/KV3N8Q2ZR5.TesseluneGroup/Tesselune Data Library)");
+
+  bool verbose = false;
+  app.add_flag("--verbose", verbose,
+               "On failure, also print what the store engine reported (for example SQLite's "
+               "code, the statement and the file)");
 
   std::string modelPath;
   app.add_option(
@@ -131,11 +139,11 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   }
 
   auto library = libraryFor(storePath);
-  if (!library) return failed(output, library.error());
+  if (!library) return failed(output, verbose, library.error());
 
   if (*create) {
     auto made = createStore(*library);
-    if (!made) return failed(output, made.error());
+    if (!made) return failed(output, verbose, made.error());
     output.out << fmt::format("Made an empty store at {}\n", library->storeFile().string());
     return kExitOk;
   }
@@ -147,7 +155,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     if (output.progress != nullptr) bar = std::make_unique<TerminalProgressBar>(output.progress);
     auto built = buildDemoStore(*library, demo, bar.get());
     if (bar) bar->finish();
-    if (!built) return failed(output, built.error());
+    if (!built) return failed(output, verbose, built.error());
     output.out << fmt::format(
         "Made a demo store at {}: {} objects, {} marked for deletion, {} data folders\n",
         library->storeFile().string(), built->objects, built->marked, built->dataFolders);
@@ -159,16 +167,16 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     if (!modelPath.empty()) model = modelPath;
     // Only a real delete opens the store for writing.
     auto opened = openStoreWithModel(library->storeFile(), model, !*deleteCommand || dryRun);
-    if (!opened) return failed(output, opened.error());
+    if (!opened) return failed(output, verbose, opened.error());
     if (*inspect) {
       auto found = inspectStore(*opened->store, opened->modelSource);
-      if (!found) return failed(output, found.error());
+      if (!found) return failed(output, verbose, found.error());
       output.out << (inspectJson ? inspectionJson(*found) : formatInspection(*found));
       return kExitOk;
     }
     if (*verify) {
       auto result = verifyStore(*opened->store);
-      if (!result) return failed(output, result.error());
+      if (!result) return failed(output, verbose, result.error());
       output.out << formatVerification(*result);
       return result->ok() ? kExitOk : kExitFailure;
     }
@@ -186,7 +194,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     }
     auto outcome = deleteObjectsMatching(*opened->store, deleteEntity, deleteWhere, options, &progress);
     if (bar) bar->finish();
-    if (!outcome) return failed(output, outcome.error());
+    if (!outcome) return failed(output, verbose, outcome.error());
     output.out << formatDeleteOutcome(*outcome);
     return kExitOk;
   }
@@ -205,12 +213,12 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
       return usage(output, "mark takes either an entity with names or --uri, not both.");
     }
     auto opened = openMaintenanceStore(library->storeFile(), false);
-    if (!opened) return failed(output, opened.error());
+    if (!opened) return failed(output, verbose, opened.error());
     std::vector<MarkedObject> marked;
     if (!markURIs.empty()) {
       for (const std::string& uri : markURIs) {
         auto one = markObjectWithURI(*opened->store, uri);
-        if (!one) return failed(output, one.error());
+        if (!one) return failed(output, verbose, one.error());
         marked.push_back(std::move(*one));
       }
     } else {
@@ -223,7 +231,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
       }
       for (const std::string& name : markNames) {
         auto some = markObjectsNamed(*opened->store, *entity, name);
-        if (!some) return failed(output, some.error());
+        if (!some) return failed(output, verbose, some.error());
         marked.insert(marked.end(), some->begin(), some->end());
       }
     }
@@ -234,10 +242,10 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   }
 
   auto opened = openMaintenanceStore(library->storeFile(), true);
-  if (!opened) return failed(output, opened.error());
+  if (!opened) return failed(output, verbose, opened.error());
   if (*status) {
     auto found = storeStatus(*opened->store, *library);
-    if (!found) return failed(output, found.error());
+    if (!found) return failed(output, verbose, found.error());
     output.out << fmt::format("Store: {}\n", library->storeFile().string()) << formatStatus(*found);
     return kExitOk;
   }

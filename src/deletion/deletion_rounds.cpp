@@ -34,6 +34,8 @@ DeletionRoundsSummary runDeletionRounds(const std::shared_ptr<StoreSupportContai
 std::shared_ptr<StoreSupportContainer> startStoreSupport(const StoreSupportServices& services) {
   logLine(services, "Starting store support application");
   auto alertFailure = [&services](const Error& error) {
+    // The user reads the error's description; the log keeps its detail (statement, code, path).
+    logLine(services, "Failure when trying to open the store: " + error.debugDescription());
     AlertContent alert;
     alert.style = AlertContent::Style::Critical;
     alert.messageText = "Failure when trying to delete a large object from the store.";

@@ -579,8 +579,9 @@ TEST_F(StoreSupportSessionTest, WithoutABusEachPassThatWouldPostEndsInTheErrorAl
   EXPECT_EQ(countOf(run.err, "Starting delete operation"), 2u) << run.err;
   EXPECT_EQ(countOf(run.err, "Sending global notification remoteObjectsDelete"), 0u) << run.err;
   EXPECT_EQ(countOf(run.err, "Alert ("), 1u) << run.err;
-  EXPECT_NE(run.err.find("Alert (informational): Several errors ocurred in course of chromatogram deletion.."),
-            std::string::npos)
+  EXPECT_NE(
+      run.err.find("Alert (informational): Several errors ocurred in course of chromatogram deletion.."),
+      std::string::npos)
       << run.err;
   EXPECT_EQ(countOf(run.err, "The notification remoteObjectsDelete could not be posted"), 2u) << run.err;
   EXPECT_TRUE(run.out.empty()) << run.out;

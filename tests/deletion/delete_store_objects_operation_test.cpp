@@ -247,7 +247,14 @@ TEST_F(DeletionPassTest, LaunchOnAStoreThatCannotBeOpenedShowsTheCriticalAlertOn
   EXPECT_EQ(alerts[0].messageText, "Failure when trying to delete a large object from the store.");
   EXPECT_TRUE(alerts[0].informativeText.starts_with("Failure to add the Tesselune store.\rReason: "))
       << alerts[0].informativeText;
-  EXPECT_EQ(fakes_->log->lines(), Strings{"Starting store support application"});
+  EXPECT_EQ(alerts[0].informativeText.find(storeFile().string()), std::string::npos)
+      << "no path for the user";
+  // The log line of the failure keeps what the user is spared.
+  const Strings lines = fakes_->log->lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "Starting store support application");
+  EXPECT_TRUE(lines[1].starts_with("Failure when trying to open the store: Tesselune-storeSupport 1: "))
+      << lines[1];
   EXPECT_EQ(fakes_->terminationCount(), 0) << "the caller exits at once instead";
 }
 
