@@ -60,15 +60,17 @@ QtMainQueue::~QtMainQueue() {
 }
 
 void QtMainQueue::enqueue(Item item) {
+  bool accepted = false;
   {
     std::lock_guard lock(mutex_);
     if (!closed_) {
       items_.push_back(std::move(item));
-      item = {};
+      accepted = true;
     }
   }
-  // A closed queue drops the block here, outside the lock: its destruction may wake a waiter.
-  if (item.block || item.quit) return;
+  // A closed queue drops the block as `item` goes, outside the lock: its destruction may wake a
+  // waiter.
+  if (!accepted) return;
   // postEvent is thread-safe and takes the event; it keeps posting order per receiver.
   QCoreApplication::postEvent(dispatcher_, new QEvent(wakeEventType()));
 }
