@@ -27,7 +27,7 @@ DeletionRoundsSummary runDeletionRounds(const std::shared_ptr<StoreSupportContai
   if (auto alert = alertFor(summary.errors, std::string(kDeletionActivityMessage)); alert && services.alerts)
     services.alerts->runModal(*alert);
   logLine(services, "Ending store support application");
-  requestTermination(services);
+  if (services.terminate) services.terminate();
   return summary;
 }
 
