@@ -33,14 +33,24 @@ std::string describe(const Error& error, const std::filesystem::path& storeFile)
                      storeFile.string(), error.localizedDescription());
 }
 
-int failed(const CommandOutput& output, const Error& error, const std::filesystem::path& storeFile = {}) {
+// One clear line; with --verbose the platform's detail (SQLite's code and message, the statement,
+// the path) follows on a line of its own.
+void printFailure(const CommandOutput& output, bool verbose, const Error& error,
+                  const std::filesystem::path& storeFile) {
   output.err << "tesselune-store: " << describe(error, storeFile) << '\n';
+  if (verbose && !error.debugDetail().empty()) output.err << "  " << error.debugDetail() << '\n';
+}
+
+int failed(const CommandOutput& output, bool verbose, const Error& error,
+           const std::filesystem::path& storeFile = {}) {
+  printFailure(output, verbose, error, storeFile);
   return kExitFailure;
 }
 
 // The store, or the model it was asked for, could not be opened: nothing was read or changed.
-int unopened(const CommandOutput& output, const Error& error, const std::filesystem::path& storeFile) {
-  output.err << "tesselune-store: " << describe(error, storeFile) << '\n';
+int unopened(const CommandOutput& output, bool verbose, const Error& error,
+             const std::filesystem::path& storeFile) {
+  printFailure(output, verbose, error, storeFile);
   return kExitUnopened;
 }
 
@@ -72,6 +82,11 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   app.add_option("--store", storePath,
                  "The store file to work on; by default TesseluneStore.tesselune in the shared data library "
                  "($XDG_DATA_HOME/Group Containers/KV3N8Q2ZR5.TesseluneGroup/Tesselune Data Library)");
+
+  bool verbose = false;
+  app.add_flag("--verbose", verbose,
+               "On failure, also print what the store engine reported (for example SQLite's "
+               "code, the statement and the file)");
 
   std::string modelPath;
   app.add_option(
@@ -159,11 +174,11 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   }
 
   auto library = libraryFor(storePath);
-  if (!library) return failed(output, library.error());
+  if (!library) return failed(output, verbose, library.error());
 
   if (*create) {
     auto made = createStore(*library);
-    if (!made) return failed(output, made.error());
+    if (!made) return failed(output, verbose, made.error());
     output.out << fmt::format("Made an empty store at {}\n", library->storeFile().string());
     return kExitOk;
   }
@@ -175,7 +190,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     if (output.progress != nullptr) bar = std::make_unique<TerminalProgressBar>(output.progress);
     auto built = buildDemoStore(*library, demo, bar.get());
     if (bar) bar->finish();
-    if (!built) return failed(output, built.error());
+    if (!built) return failed(output, verbose, built.error());
     output.out << fmt::format(
         "Made a demo store at {}: {} objects, {} marked for deletion, {} data folders\n",
         library->storeFile().string(), built->objects, built->marked, built->dataFolders);
@@ -187,23 +202,23 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     if (!modelPath.empty()) model = modelPath;
     // Only a real delete opens the store for writing.
     auto opened = openStoreWithModel(library->storeFile(), model, !*deleteCommand || dryRun);
-    if (!opened) return unopened(output, opened.error(), library->storeFile());
+    if (!opened) return unopened(output, verbose, opened.error(), library->storeFile());
     if (*inspect) {
       auto found = opened->hasModel() ? inspectStore(*opened->store, opened->modelSource)
                                       : inspectStoreWithoutModel(*opened->database, opened->modelSource);
-      if (!found) return failed(output, found.error());
+      if (!found) return failed(output, verbose, found.error());
       output.out << (inspectJson ? inspectionJson(*found) : formatInspection(*found));
       return kExitOk;
     }
     if (*verify) {
       auto result =
           opened->hasModel() ? verifyStore(*opened->store) : verifyStoreWithoutModel(*opened->database);
-      if (!result) return unopened(output, result.error(), library->storeFile());
+      if (!result) return unopened(output, verbose, result.error(), library->storeFile());
       if (!opened->hasModel()) output.out << fmt::format("Model: {}\n", opened->modelSource);
       output.out << formatVerification(*result);
       return result->ok() ? kExitOk : kExitFailure;
     }
-    if (!opened->hasModel()) return failed(output, maintenanceError(deleteRulesUnknownText(*opened)));
+    if (!opened->hasModel()) return failed(output, verbose, maintenanceError(deleteRulesUnknownText(*opened)));
     DeleteOptions options;
     options.dryRun = dryRun;
     Progress progress;
@@ -219,7 +234,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
     }
     auto outcome = deleteObjectsMatching(*opened->store, deleteEntity, deleteWhere, options, &progress);
     if (bar) bar->finish();
-    if (!outcome) return failed(output, outcome.error(), library->storeFile());
+    if (!outcome) return failed(output, verbose, outcome.error(), library->storeFile());
     output.out << formatDeleteOutcome(*outcome);
     return kExitOk;
   }
@@ -238,12 +253,12 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
       return usage(output, "mark takes either an entity with names or --uri, not both.");
     }
     auto opened = openMaintenanceStore(library->storeFile(), false);
-    if (!opened) return unopened(output, opened.error(), library->storeFile());
+    if (!opened) return unopened(output, verbose, opened.error(), library->storeFile());
     std::vector<MarkedObject> marked;
     if (!markURIs.empty()) {
       for (const std::string& uri : markURIs) {
         auto one = markObjectWithURI(*opened->store, uri);
-        if (!one) return failed(output, one.error());
+        if (!one) return failed(output, verbose, one.error());
         marked.push_back(std::move(*one));
       }
     } else {
@@ -256,7 +271,7 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
       }
       for (const std::string& name : markNames) {
         auto some = markObjectsNamed(*opened->store, *entity, name);
-        if (!some) return failed(output, some.error());
+        if (!some) return failed(output, verbose, some.error());
         marked.insert(marked.end(), some->begin(), some->end());
       }
     }
@@ -267,10 +282,10 @@ int runStoreCommand(int argc, const char* const* argv, const CommandOutput& outp
   }
 
   auto opened = openMaintenanceStore(library->storeFile(), true);
-  if (!opened) return unopened(output, opened.error(), library->storeFile());
+  if (!opened) return unopened(output, verbose, opened.error(), library->storeFile());
   if (*status) {
     auto found = storeStatus(*opened->store, *library);
-    if (!found) return failed(output, found.error());
+    if (!found) return failed(output, verbose, found.error());
     output.out << fmt::format("Store: {}\n", library->storeFile().string()) << formatStatus(*found);
     return kExitOk;
   }

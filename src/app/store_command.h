@@ -2,7 +2,8 @@
 // that the store support program works on, and read the reports it leaves; inspect, verify and
 // delete also work on any other Core Data store.
 //
-//   tesselune-store [--store FILE] [--model MODEL] create | demo | mark | status | report | verify
+//   tesselune-store [--store FILE] [--model MODEL] [--verbose] create | demo | mark | status | report |
+//   verify
 //                   | inspect [--json] | delete ENTITY --where PREDICATE [--dry-run]
 //
 // Without --store the store is the one in the shared data library. Exit status: 0 done, 1 failed

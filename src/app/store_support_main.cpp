@@ -4,9 +4,9 @@
 // It shows nothing but alerts: message boxes when there is a screen, text on standard error when
 // there is none, so that a run without a display never waits for a person.
 //
-// It takes no arguments. Any argument (a "--help" typed by a person, most likely) gets one line
-// saying so and the program ends without opening the store: deleting on a mistyped command line
-// would be the wrong surprise. The exit status is 0 in every case.
+// Arguments are accepted and ignored, as a desktop session may pass some of its own (Qt takes those
+// it knows). Two are answered instead: "--help" and "--version" print one short text and the
+// program ends without opening the store. The exit status is 0 in every case.
 #include <QApplication>
 #include <QCoreApplication>
 #include <QDir>
@@ -58,6 +58,8 @@ constexpr std::string_view kHelp =
     "temporaryFiles folder, tells Tesselune over the session bus and quits. It shows nothing but\n"
     "alerts (on standard error when there is no display); its log lines go to the system log.\n"
     "\n"
+    "Other arguments are ignored.\n"
+    "\n"
     "Options:\n"
     "  --help     print this text and exit\n"
     "  --version  print the version and exit\n";
@@ -75,11 +77,6 @@ int main(int argc, char** argv) {
       std::cout << tesselune::versionText("tesselune-store-support") << "\n";
       return 0;
     }
-  }
-  if (argc > 1) {
-    std::cout << "tesselune-store-support takes no arguments; it is started by Tesselune and has "
-                 "nothing to do when given some.\n";
-    return 0;
   }
 
   using namespace tesselune;
@@ -111,6 +108,9 @@ int main(int argc, char** argv) {
     AppDelegate delegate(services);
     if (delegate.applicationDidFinishLaunching()) {
       QCoreApplication::exec();
+      // However the loop ended (our quit, or the session's), alerts asked for from now on are not
+      // shown, and the passes still running, which the delegate waits for, never wait for one.
+      queue->close();
       delegate.applicationWillTerminate();
     }
   }

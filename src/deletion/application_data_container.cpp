@@ -13,7 +13,6 @@ namespace tesselune {
 
 namespace {
 
-constexpr auto kCoordinatorLockTimeout = std::chrono::seconds(10);
 constexpr int kLibrarySearchDepth = 10;
 
 std::string lastComponent(const std::string& path) {
@@ -64,7 +63,9 @@ Url ApplicationDataContainer::dataLibraryURL(const StoreSupportServices& service
   std::filesystem::create_directories(folder.path(), ec);
   if (!ec && std::filesystem::is_directory(folder.path(), ec)) return folder;
 
-  // The cause is not shown: the user is told what to do instead.
+  // The cause is not shown: the user is told what to do instead. Once, however many threads find
+  // the folder missing: the program is ending.
+  if (terminationRequested(services)) return folder;
   AlertContent alert;
   alert.style = AlertContent::Style::Critical;
   alert.messageText = "Fatal Error when trying to create the folder to store the application data.";
@@ -72,17 +73,29 @@ Url ApplicationDataContainer::dataLibraryURL(const StoreSupportServices& service
       fmt::format("Try to create a folder named \"{}\" at the location \"{}\" manually.",
                   kDataLibraryFolderName, folder.deletingLastPathComponent().absoluteString());
   if (services.alerts) services.alerts->runModal(alert);
-  if (services.terminate) services.terminate();
+  requestTermination(services);
   return folder;
 }
 
+std::unique_ptr<PersistentStoreCoordinator> ApplicationDataContainer::takeIdleCoordinator() {
+  std::lock_guard lock(poolMutex_);
+  if (readOnlyPersistentStoreCoordinators_unused_.empty()) return nullptr;
+  std::unique_ptr<PersistentStoreCoordinator> coordinator =
+      std::move(readOnlyPersistentStoreCoordinators_unused_.back());
+  readOnlyPersistentStoreCoordinators_unused_.pop_back();
+  return coordinator;
+}
+
+void ApplicationDataContainer::putIdleCoordinator(std::unique_ptr<PersistentStoreCoordinator> coordinator) {
+  std::lock_guard lock(poolMutex_);
+  readOnlyPersistentStoreCoordinators_unused_.push_back(std::move(coordinator));
+}
+
 std::unique_ptr<PersistentStoreCoordinator> ApplicationDataContainer::activateReadOnlyStoreCoordinator() {
-  const bool locked = storeCoordinatorAccessLock_.lockWithin(kCoordinatorLockTimeout);
-  std::unique_ptr<PersistentStoreCoordinator> coordinator;
-  if (!readOnlyPersistentStoreCoordinators_unused_.empty()) {
-    coordinator = std::move(readOnlyPersistentStoreCoordinators_unused_.back());
-    readOnlyPersistentStoreCoordinators_unused_.pop_back();
-  } else {
+  // Without the access lock after the wait, deliberately: a reader is never refused for want of it.
+  const bool locked = storeCoordinatorAccessLock_.lockWithin(accessTimeout_.load());
+  std::unique_ptr<PersistentStoreCoordinator> coordinator = takeIdleCoordinator();
+  if (!coordinator) {
     coordinator = std::make_unique<PersistentStoreCoordinator>(managedObjectModel());
     coordinator->setManagedObjectClassRegistry(persistentStoreCoordinator().managedObjectClassRegistry());
     const auto& descriptions = persistentStoreDescriptions();
@@ -105,16 +118,14 @@ std::unique_ptr<PersistentStoreCoordinator> ApplicationDataContainer::activateRe
 
 void ApplicationDataContainer::deactivateReadOnlyStoreCoordinatorWithReadOnlyStoreCoordinator(
     std::unique_ptr<PersistentStoreCoordinator> coordinator) {
-  const bool locked = storeCoordinatorAccessLock_.lockWithin(kCoordinatorLockTimeout);
-  readOnlyPersistentStoreCoordinators_unused_.push_back(std::move(coordinator));
+  const bool locked = storeCoordinatorAccessLock_.lockWithin(accessTimeout_.load());
+  putIdleCoordinator(std::move(coordinator));
   if (locked) storeCoordinatorAccessLock_.unlock();
 }
 
 std::size_t ApplicationDataContainer::idleReadOnlyStoreCoordinatorCount() const {
-  const bool locked = storeCoordinatorAccessLock_.lockWithin(kCoordinatorLockTimeout);
-  const std::size_t count = readOnlyPersistentStoreCoordinators_unused_.size();
-  if (locked) storeCoordinatorAccessLock_.unlock();
-  return count;
+  std::lock_guard lock(poolMutex_);
+  return readOnlyPersistentStoreCoordinators_unused_.size();
 }
 
 }  // namespace tesselune

@@ -5,11 +5,15 @@
 // coordinators from a small pool for readers that work beside the main writing context.
 //
 // A folder that cannot be created is fatal: a critical alert tells the user where to make it by hand
-// and the program is terminated (services.terminate, which returns; the URL is answered anyway).
+// and the program is terminated (requestTermination: nothing new starts afterwards, and no second
+// alert is shown; the URL is answered anyway, for callers that are ending).
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,14 +52,27 @@ class ApplicationDataContainer : public PersistentContainer {
   // Gives a coordinator back to the pool, unchecked. Any thread.
   void deactivateReadOnlyStoreCoordinatorWithReadOnlyStoreCoordinator(
       std::unique_ptr<PersistentStoreCoordinator> coordinator);
-  // The coordinators waiting in the pool.
+  // The coordinators waiting in the pool. Any thread.
   std::size_t idleReadOnlyStoreCoordinatorCount() const;
 
+  // Held by activation and deactivation around the pool's change (and around making a new
+  // coordinator); waited for ten seconds at most, after which they go on without it.
+  TimedLock& storeCoordinatorAccessLock() const { return storeCoordinatorAccessLock_; }
+  // How long they wait for it (ten seconds unless a test says otherwise).
+  void setStoreCoordinatorAccessTimeout(std::chrono::milliseconds timeout) { accessTimeout_ = timeout; }
+
  private:
+  // The pool's own change, under poolMutex_.
+  std::unique_ptr<PersistentStoreCoordinator> takeIdleCoordinator();
+  void putIdleCoordinator(std::unique_ptr<PersistentStoreCoordinator> coordinator);
+
   StoreSupportServices services_;
   Url temporaryFolderURL_;
-  // Guards the pool; waited for ten seconds at most, after which the pool is used without it.
   mutable TimedLock storeCoordinatorAccessLock_;
+  std::atomic<std::chrono::milliseconds> accessTimeout_{std::chrono::seconds(10)};
+  // The pool's container has a lock of its own, held only for a push or a pop and always taken: a
+  // caller that gave up waiting for the access lock still changes the pool safely.
+  mutable std::mutex poolMutex_;
   std::vector<std::unique_ptr<PersistentStoreCoordinator>> readOnlyPersistentStoreCoordinators_unused_;
 };
 

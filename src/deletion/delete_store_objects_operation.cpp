@@ -39,13 +39,17 @@ void DeleteStoreObjectsOperation::main() {
   };
 
   if (auto ids = fetchMarked("Chromatogram", *marked); ids && !ids->empty()) {
-    for (const ManagedObjectID& id : *ids) append(deleteChromatogram(id));
+    for (const ManagedObjectID& id : *ids) {
+      if (ending()) break;
+      append(deleteChromatogram(id));
+    }
     // Set for every fetched chromatogram, deleted or not: the main application then reloads its list.
     chromatogramDeleted = true;
   }
 
   if (auto ids = fetchMarked("DatabaseSearchResult", *marked)) {
     for (const ManagedObjectID& id : *ids) {
+      if (ending()) break;
       std::vector<ManagedObjectID> list;
       context.performBlockAndWait([&] { deleteStoreObject<DatabaseSearchResult>(context, id, list); });
       append(list);
@@ -53,16 +57,23 @@ void DeleteStoreObjectsOperation::main() {
   }
 
   if (auto ids = fetchMarked("DatabaseSearchJoin", *marked)) {
-    for (const ManagedObjectID& id : *ids) append(deleteDatabaseSearchGroup(id));
+    for (const ManagedObjectID& id : *ids) {
+      if (ending()) break;
+      append(deleteDatabaseSearchGroup(id));
+    }
   }
 
   FetchRequest collections = FetchRequest::fetchRequestWithEntityName("DataCollection");
   collections.resultType = FetchRequestResultType::ManagedObject;
   collections.predicate = *marked;
-  context.performBlockAndWait([&] { deleteDataCollections(context, collections, deleted); });
+  if (!ending()) context.performBlockAndWait([&] { deleteDataCollections(context, collections, deleted); });
 
   numberOfDeletedObjects_ = static_cast<std::int64_t>(deleted.size());
   reportDeletions(deleted, chromatogramDeleted);
+}
+
+bool DeleteStoreObjectsOperation::ending() const {
+  return terminationRequested(applicationContainer_->services());
 }
 
 void DeleteStoreObjectsOperation::reportDeletions(const std::vector<ManagedObjectID>& deleted,
@@ -77,19 +88,17 @@ void DeleteStoreObjectsOperation::reportDeletions(const std::vector<ManagedObjec
     }
   }
   if (!deletionReportExists(folder)) return;
-  if (!services.workspace) return;
-  for (const std::string& name : services.workspace->runningApplicationNames()) {
-    if (name != kMainApplicationName) continue;
-    if (services.notifications) {
-      if (auto posted = services.notifications->postNotificationName(kDeletionNotificationName,
-                                                                     kDeletionNotificationObject);
-          !posted) {
-        printLine(services, posted.error().localizedDescription());
-      }
-    }
-    logLine(services, "Sending global notification remoteObjectsDelete");
+  if (!services.workspace || !services.workspace->isApplicationRunning(kMainApplicationName)) return;
+  if (!services.notifications) return;
+  // A notification that did not go out is a failure of the pass: the user learns that the main
+  // application still shows what is gone.
+  if (auto posted = services.notifications->postNotificationName(kDeletionNotificationName,
+                                                                 kDeletionNotificationObject);
+      !posted) {
+    errors_.push_back(posted.error());
     return;
   }
+  logLine(services, "Sending global notification remoteObjectsDelete");
 }
 
 std::optional<std::vector<ManagedObjectID>> DeleteStoreObjectsOperation::fetchMarked(
@@ -121,7 +130,11 @@ std::optional<std::vector<ManagedObjectID>> DeleteStoreObjectsOperation::fetchOb
 template <class C>
 void DeleteStoreObjectsOperation::deleteStoreObject(ManagedObjectContext& context, const ManagedObjectID& id,
                                                     std::vector<ManagedObjectID>& list) {
-  auto object = std::dynamic_pointer_cast<C>(context.objectWithID(id));
+  // Read now rather than as a fault: an object that went since the fetch (the main application, or
+  // another run, deleted it) is skipped, neither counted nor reported.
+  auto existing = context.existingObjectWithID(id);
+  if (!existing) return;
+  auto object = std::dynamic_pointer_cast<C>(*existing);
   if (!object) return;
   const std::vector<ManagedObjectID> related =
       object->willBeDeleted(nullptr, deletionSupport(applicationContainer_->services()));
@@ -129,7 +142,12 @@ void DeleteStoreObjectsOperation::deleteStoreObject(ManagedObjectContext& contex
 
   auto request = BatchDeleteRequest::initWithObjectIDs({id});
   request.resultType = BatchDeleteRequestResultType::ResultTypeCount;
-  if (auto result = context.executeRequest(request); !result) errors_.push_back(result.error());
+  auto result = context.executeRequest(request);
+  if (!result) {
+    errors_.push_back(result.error());
+  } else if (result->count == 0) {
+    return;  // gone during its own clean-up: what the clean-up took is counted, the object is not
+  }
   // Listed even when the batch delete failed: the next pass then looks again.
   list.push_back(id);
 }

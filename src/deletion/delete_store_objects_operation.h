@@ -5,7 +5,8 @@
 // and one save. The pass counts every ID it deleted, writes the deletion report when it deleted
 // anything and tells a running main application that reports are waiting.
 //
-// Failures never stop the pass: they are collected in errors() for the driver to show. Made by the
+// Failures never stop the pass: they are collected in errors() for the driver to show. Termination
+// asked for meanwhile does: no further object is taken up, and what went is reported. Made by the
 // driver, run once on a thread of the container's queue; read errors() and
 // numberOfDeletedObjects() only after it has finished.
 #pragma once
@@ -47,8 +48,9 @@ class DeleteStoreObjectsOperation : public Operation {
                                                              const FetchRequest& request);
   std::optional<std::vector<ManagedObjectID>> fetchMarked(std::string_view entityName,
                                                           const Predicate& marked);
-  // The object's clean-up, then a batch delete of its ID; objects not of class C are skipped. The
-  // ID is listed even when its batch delete failed. Runs inside the context's block.
+  // The object's clean-up, then a batch delete of its ID; objects not of class C, and objects that
+  // no longer exist, are skipped. The ID is listed even when its batch delete failed, not when the
+  // object went meanwhile. Runs inside the context's block.
   template <class C>
   void deleteStoreObject(ManagedObjectContext& context, const ManagedObjectID& id,
                          std::vector<ManagedObjectID>& list);
@@ -57,6 +59,9 @@ class DeleteStoreObjectsOperation : public Operation {
   // Runs inside the context's block; saves always, even when nothing was fetched.
   void deleteDataCollections(ManagedObjectContext& context, const FetchRequest& request,
                              std::vector<ManagedObjectID>& deleted);
+  // Whether the program is terminating: the pass then takes up no further object, and reports
+  // what it has deleted.
+  bool ending() const;
   // The report, and the notification when a report waits and the main application runs.
   void reportDeletions(const std::vector<ManagedObjectID>& deleted, bool chromatogramDeleted);
 

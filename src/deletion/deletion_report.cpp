@@ -3,11 +3,16 @@
 #include "deletion/deletion_report.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
+#include <chrono>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -37,33 +42,104 @@ bool reachable(const fs::path& path) {
   return fs::exists(path, ec) && !ec;
 }
 
-// Writes the bytes to a hidden file beside the target and renames it into place, so that a reader
-// sees the whole report or none.
-bool writeAtomically(const fs::path& target, const Bytes& bytes) {
-  std::random_device random;
-  const fs::path scratch =
-      target.parent_path() / ("." + target.filename().string() + "." + std::to_string(random()) + ".tmp");
-  const int fd = ::open(scratch.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
+constexpr std::string_view kScratchPrefix = ".storeSupport";
+constexpr std::string_view kScratchSuffix = ".tmp";
+
+bool writeAll(int fd, const Bytes& bytes) {
   std::size_t written = 0;
   while (written < bytes.size()) {
     const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
+    if (n <= 0) return false;
     written += static_cast<std::size_t>(n);
   }
-  const bool ok = written == bytes.size() && ::fsync(fd) == 0;
-  ::close(fd);
-  std::error_code ec;
-  if (ok) {
-    // Never replaces a report someone else wrote meanwhile.
-    if (::link(scratch.c_str(), target.c_str()) == 0) {
-      fs::remove(scratch, ec);
-      return true;
-    }
+  return ::fsync(fd) == 0;
+}
+
+// Moves the scratch file to the target unless the target exists. A rename that refuses to replace
+// is what most file systems offer; where it is missing, a hard link does the same. On file systems
+// with neither (FAT, exFAT, some network mounts) the name is first taken by an exclusive create
+// and then replaced by the whole file in one rename: a reader finds an empty file for that
+// moment, never a part of a report, and a report someone else wrote is never replaced.
+bool moveIntoPlace(const fs::path& scratch, const fs::path& target) {
+  if (::renameat2(AT_FDCWD, scratch.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP) return false;
+  if (::link(scratch.c_str(), target.c_str()) == 0) {
+    ::unlink(scratch.c_str());
+    return true;
   }
-  fs::remove(scratch, ec);
+  if (errno == EEXIST) return false;
+  const int reserved = ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (reserved < 0) return false;
+  ::close(reserved);
+  if (::rename(scratch.c_str(), target.c_str()) == 0) return true;
+  ::unlink(target.c_str());
   return false;
+}
+
+// Writes the bytes to a hidden scratch file beside the target, named after this process so that a
+// later run can tell a killed run's leftovers from a running writer's file, and moves it into
+// place: a reader sees the whole report or none.
+bool writeAtomically(const fs::path& target, const Bytes& bytes) {
+  std::random_device random;
+  const fs::path scratch =
+      target.parent_path() / (std::string(kScratchPrefix) + "." + std::to_string(::getpid()) + "." +
+                              std::to_string(random()) + std::string(kScratchSuffix));
+  const int fd = ::open(scratch.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  const bool ok = writeAll(fd, bytes);
+  ::close(fd);
+  if (ok && moveIntoPlace(scratch, target)) return true;
+  ::unlink(scratch.c_str());
+  return false;
+}
+
+// The writer's process ID in a scratch file's name (".storeSupport.<pid>.<random>.tmp"); nothing
+// for a name of another form.
+std::optional<pid_t> scratchWriter(std::string_view name) {
+  if (!name.starts_with(kScratchPrefix) || !name.ends_with(kScratchSuffix)) return std::nullopt;
+  name.remove_prefix(kScratchPrefix.size());
+  name.remove_suffix(kScratchSuffix.size());
+  if (!name.starts_with('.')) return std::nullopt;
+  name.remove_prefix(1);
+  const std::size_t dot = name.find('.');
+  if (dot == std::string_view::npos) return std::nullopt;
+  pid_t pid = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + dot, pid);
+  if (error != std::errc() || end != name.data() + dot || pid <= 0) return std::nullopt;
+  return pid;
+}
+
+// ".storeSupport.info.<random>.tmp" or ".storeSupport_<n>.info.<random>.tmp", as earlier versions
+// named their scratch files.
+bool isOldScratchName(std::string_view name) {
+  if (!name.starts_with(kScratchPrefix) || !name.ends_with(kScratchSuffix)) return false;
+  const std::size_t info = name.find(".info.");
+  if (info == std::string_view::npos) return false;
+  const std::string_view random = name.substr(info + 6, name.size() - info - 6 - kScratchSuffix.size());
+  return !random.empty() && random.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// Removes the scratch files of writers that no longer run (a run killed while it wrote). Files of
+// a running writer stay, and so does anything not named as a scratch file.
+void removeAbandonedScratchFiles(const fs::path& folder) {
+  std::error_code ec;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder, ec)) {
+    const std::string name = entry.path().filename().string();
+    const std::optional<pid_t> writer = scratchWriter(name);
+    if (!writer && isOldScratchName(name)) {
+      // Named by an earlier version, without its writer: left alone while it may still be written.
+      std::error_code ignored;
+      const auto written = fs::last_write_time(entry.path(), ignored);
+      if (!ignored && fs::file_time_type::clock::now() - written > std::chrono::hours(1))
+        fs::remove(entry.path(), ignored);
+      continue;
+    }
+    if (!writer || *writer == ::getpid()) continue;
+    if (::kill(*writer, 0) == 0 || errno != ESRCH) continue;
+    std::error_code ignored;
+    fs::remove(entry.path(), ignored);
+  }
 }
 
 }  // namespace
@@ -85,6 +161,7 @@ Expected<fs::path> writeDeletionReport(const fs::path& temporaryFolder,
   if (!archive)
     return fail(archive.error().customErrorWithDomain("Tesselun-storeSupport", 2, kArchiveErrorMessage));
 
+  removeAbandonedScratchFiles(temporaryFolder);
   fs::path target = temporaryFolder / "storeSupport.info";
   if (reachable(target)) {
     target.clear();

@@ -24,7 +24,8 @@ inline constexpr std::string_view kDeletionNotificationObject = "Tesselune-store
 // Writes one report into `temporaryFolder`: "storeSupport.info", or the first free of
 // "storeSupport_0.info" … "storeSupport_999.info". Fails with code 2 of "Tesselun-storeSupport" when
 // the archive cannot be made, and code 3 of "Tesselune-storeSupport" when all names are taken or the
-// file cannot be written (a missing folder is created first). Answers the file written.
+// file cannot be written (a missing folder is created first). Answers the file written. Scratch
+// files that a killed run left in the folder are removed first.
 [[nodiscard]] Expected<std::filesystem::path> writeDeletionReport(
     const std::filesystem::path& temporaryFolder, const std::vector<ManagedObjectID>& deleted,
     bool chromatogramDeleted);

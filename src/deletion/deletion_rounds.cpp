@@ -9,7 +9,8 @@ namespace tesselune {
 DeletionRoundsSummary runDeletionRounds(const std::shared_ptr<StoreSupportContainer>& container) {
   const StoreSupportServices& services = container->services();
   DeletionRoundsSummary summary;
-  for (;;) {
+  // A fatal failure elsewhere (the data folder gone) ends the program: no further pass, no alert.
+  while (!terminationRequested(services)) {
     logLine(services, "Starting delete operation");
     auto pass = std::make_shared<DeleteStoreObjectsOperation>(container);
     container->defaultOperationQueue().addOperation(pass);
@@ -22,6 +23,7 @@ DeletionRoundsSummary runDeletionRounds(const std::shared_ptr<StoreSupportContai
     if (summary.passes >= kMaximumDeletionPasses || deleted < 1) break;
   }
 
+  if (terminationRequested(services)) return summary;
   if (auto alert = alertFor(summary.errors, std::string(kDeletionActivityMessage)); alert && services.alerts)
     services.alerts->runModal(*alert);
   logLine(services, "Ending store support application");
@@ -32,6 +34,8 @@ DeletionRoundsSummary runDeletionRounds(const std::shared_ptr<StoreSupportContai
 std::shared_ptr<StoreSupportContainer> startStoreSupport(const StoreSupportServices& services) {
   logLine(services, "Starting store support application");
   auto alertFailure = [&services](const Error& error) {
+    // The user reads the error's description; the log keeps its detail (statement, code, path).
+    logLine(services, "Failure when trying to open the store: " + error.debugDescription());
     AlertContent alert;
     alert.style = AlertContent::Style::Critical;
     alert.messageText = "Failure when trying to delete a large object from the store.";
@@ -39,6 +43,8 @@ std::shared_ptr<StoreSupportContainer> startStoreSupport(const StoreSupportServi
     if (services.alerts) services.alerts->runModal(alert);
   };
   auto container = StoreSupportContainer::create(services);
+  // The data folder could not be made: its alert was the one the user gets, and the program ends.
+  if (terminationRequested(services)) return nullptr;
   if (!container) {
     alertFailure(container.error());
     return nullptr;

@@ -26,14 +26,16 @@ struct DeletionRoundsSummary {
 // The driver. Each pass is a fresh DeleteStoreObjectsOperation added to the container's queue and
 // awaited, so call it on a thread of that queue (or any thread but the main one); the queue must run
 // two operations at once. After the passes the collected errors are shown in one informational
-// alert on the calling thread, then the log line, then services.terminate().
+// alert on the calling thread, then the log line, then termination. Once termination has been asked
+// for by anyone else, no further pass starts and nothing is shown.
 DeletionRoundsSummary runDeletionRounds(const std::shared_ptr<StoreSupportContainer>& container);
 
 // Launch after the archive classes are registered: logs the start, makes the container and opens
 // the store. On success the driver is queued on the container's queue and the container answered;
 // the caller keeps it until its queue is idle (the driver holds it only while running). When the store cannot
 // be opened, the critical alert is shown on the calling thread and nothing is answered: the caller then exits
-// with status 0 at once.
+// with status 0 at once. When the data folder cannot be made, its own alert is the only one and nothing is
+// answered either.
 std::shared_ptr<StoreSupportContainer> startStoreSupport(const StoreSupportServices& services);
 
 }  // namespace tesselune

@@ -7,7 +7,8 @@
 
 namespace tesselune {
 
-Error Error::customErrorWithDomain(std::string domain, std::int64_t code, std::string_view errorMessage) const {
+Error Error::customErrorWithDomain(std::string domain, std::int64_t code,
+                                   std::string_view errorMessage) const {
   const std::string& cause = localizedDescription();
   std::string text;
   if (errorMessage.empty()) {
@@ -17,10 +18,13 @@ Error Error::customErrorWithDomain(std::string domain, std::int64_t code, std::s
   } else {
     text = std::string(errorMessage);
   }
-  return Error(std::move(domain), code, std::move(text));
+  return Error(std::move(domain), code, std::move(text), debugDetail_);
 }
 
-std::string Error::debugDescription() const { return fmt::format("{} {}: {}", domain_, code_, description_); }
+std::string Error::debugDescription() const {
+  if (debugDetail_.empty()) return fmt::format("{} {}: {}", domain_, code_, description_);
+  return fmt::format("{} {}: {} [{}]", domain_, code_, description_, debugDetail_);
+}
 
 Error customErrorWithDomain(std::string domain, std::int64_t code, std::string errorMessage) {
   return Error(std::move(domain), code, std::move(errorMessage));
@@ -58,7 +62,8 @@ std::optional<AlertContent> alertFor(const std::vector<Error>& errors,
   AlertContent alert;
   alert.style = AlertContent::Style::Informational;
   if (errors.size() == 1) {
-    alert.messageText = hasActivity ? fmt::format("An error ocurred  {}.", *activityMessage) : "An error occurred.";
+    alert.messageText =
+        hasActivity ? fmt::format("An error ocurred  {}.", *activityMessage) : "An error occurred.";
     alert.informativeText = "Error: " + errors.front().localizedDescription();
     return alert;
   }

@@ -20,19 +20,29 @@ class Error {
   Error() = default;
   Error(std::string domain, std::int64_t code, std::string description)
       : domain_(std::move(domain)), code_(code), description_(std::move(description)) {}
+  // With what a developer needs and the user does not read (an SQL statement, a result code, a path).
+  Error(std::string domain, std::int64_t code, std::string description, std::string debugDetail)
+      : domain_(std::move(domain)),
+        code_(code),
+        description_(std::move(description)),
+        debugDetail_(std::move(debugDetail)) {}
 
   const std::string& domain() const { return domain_; }
   std::int64_t code() const { return code_; }
   // The text under NSLocalizedDescriptionKey: everything the user reads.
   const std::string& localizedDescription() const { return description_; }
 
+  // For logs only, never shown to the user: the platform's detail of the failure (empty for the
+  // program's own errors).
+  const std::string& debugDetail() const { return debugDetail_; }
+
   // Instance form of customErrorWithDomain:code:errorMessage:, sent to the cause. The new error's
   // text is the message, a carriage return, "Reason: " and this error's text; either part alone
-  // when the other is empty.
+  // when the other is empty. The cause's debug detail goes along, for the log.
   [[nodiscard]] Error customErrorWithDomain(std::string domain, std::int64_t code,
                                             std::string_view errorMessage) const;
 
-  // "<domain> <code>: <text>", for logs and test output.
+  // "<domain> <code>: <text>", and " [<detail>]" when there is a detail; for logs and test output.
   std::string debugDescription() const;
 
   friend bool operator==(const Error&, const Error&) = default;
@@ -41,6 +51,7 @@ class Error {
   std::string domain_;
   std::int64_t code_ = 0;
   std::string description_;
+  std::string debugDetail_;
 };
 
 template <class T>
@@ -73,6 +84,7 @@ enum CocoaErrorCode : std::int64_t {
   kCoderInvalidValueError = 4866,
   kFileWriteNoPermissionError = 513,
   kFileWriteFileExistsError = 516,
+  kFileWriteOutOfSpaceError = 640,
   kPersistentStoreIncompatibleSchemaError = 134020,
   kCoreDataError = 134060,
   kPersistentStoreOpenError = 134080,

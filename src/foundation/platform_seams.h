@@ -6,7 +6,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "foundation/error.h"
 #include "foundation/url.h"
@@ -42,14 +41,9 @@ class DistributedNotificationCenter {
 class Workspace {
  public:
   virtual ~Workspace() = default;
-  // The localised names of the running applications.
-  virtual std::vector<std::string> runningApplicationNames() = 0;
-  virtual bool isApplicationRunning(std::string_view localizedName) {
-    for (const std::string& name : runningApplicationNames()) {
-      if (name == localizedName) return true;
-    }
-    return false;
-  }
+  // Whether an application named `localizedName` runs, compared character for character. The
+  // implementation holds the whole rule of what a process answers to: callers only ask.
+  virtual bool isApplicationRunning(std::string_view localizedName) = 0;
 };
 
 // The folder shared by the applications of one group

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <optional>
@@ -52,6 +51,13 @@ std::string executableFileName(const std::filesystem::path& link) {
   return name;
 }
 
+// The file name of the first NUL-terminated argument; kernel threads have none.
+std::string firstArgumentFileName(const std::optional<std::string>& commandLine) {
+  if (!commandLine || commandLine->empty()) return {};
+  const std::string first = commandLine->substr(0, commandLine->find('\0'));
+  return first.substr(first.rfind('/') + 1);
+}
+
 }  // namespace
 
 ProcWorkspace::ProcWorkspace(std::filesystem::path procRoot) : procRoot_(std::move(procRoot)) {}
@@ -78,26 +84,17 @@ std::vector<ProcWorkspace::Process> ProcWorkspace::processes() const {
       process.commandName = std::move(*comm);
     }
     process.executableName = executableFileName(folder / "exe");
-    if (process.commandName.empty() && process.executableName.empty()) continue;  // gone meanwhile
+    process.argumentName = firstArgumentFileName(readSmallFile(folder / "cmdline"));
+    if (process.commandName.empty() && process.executableName.empty() && process.argumentName.empty())
+      continue;  // gone meanwhile
     found.push_back(std::move(process));
   }
-  std::sort(found.begin(), found.end(), [](const Process& a, const Process& b) { return a.pid < b.pid; });
   return found;
 }
 
-std::vector<std::string> ProcWorkspace::runningApplicationNames() {
-  std::vector<std::string> names;
-  for (Process& process : processes()) {
-    names.push_back(process.executableName.empty() ? std::move(process.commandName)
-                                                   : std::move(process.executableName));
-  }
-  return names;
-}
-
 bool ProcWorkspace::isApplicationRunning(std::string_view localizedName) {
-  if (localizedName.empty()) return false;
   for (const Process& process : processes()) {
-    if (process.commandName == localizedName || process.executableName == localizedName) return true;
+    if (process.answersTo(localizedName)) return true;
   }
   return false;
 }

@@ -147,13 +147,16 @@ int QtAlertPresenter::runModal(const AlertContent& alert) {
   }
   if (QThread::currentThread() == QCoreApplication::instance()->thread()) return showMessageBox(alert);
 
+  // Only the block holds the promise: when the queue drops the block unrun (the program is
+  // ending), the promise breaks and this thread goes on.
   auto answer = std::make_shared<std::promise<int>>();
   std::future<int> result = answer->get_future();
-  mainQueue_->addOperationWithBlock([answer, alert] { answer->set_value(showMessageBox(alert)); });
+  mainQueue_->addOperationWithBlock(
+      [answer = std::move(answer), alert] { answer->set_value(showMessageBox(alert)); });
   try {
     return result.get();
   } catch (const std::future_error&) {
-    return 0;  // the queue was torn down before it showed the alert
+    return 0;  // never shown
   }
 }
 

@@ -60,10 +60,17 @@ QtMainQueue::~QtMainQueue() {
 }
 
 void QtMainQueue::enqueue(Item item) {
+  bool accepted = false;
   {
     std::lock_guard lock(mutex_);
-    items_.push_back(std::move(item));
+    if (!closed_) {
+      items_.push_back(std::move(item));
+      accepted = true;
+    }
   }
+  // A closed queue drops the block as `item` goes, outside the lock: its destruction may wake a
+  // waiter.
+  if (!accepted) return;
   // postEvent is thread-safe and takes the event; it keeps posting order per receiver.
   QCoreApplication::postEvent(dispatcher_, new QEvent(wakeEventType()));
 }
@@ -74,6 +81,15 @@ void QtMainQueue::addOperationWithBlock(std::function<void()> block) {
 
 void QtMainQueue::quit() {
   enqueue({nullptr, true});
+}
+
+void QtMainQueue::close() {
+  std::deque<Item> dropped;
+  {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    dropped.swap(items_);
+  }
 }
 
 bool QtMainQueue::isMainThread() const {

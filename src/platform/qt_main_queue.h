@@ -36,6 +36,11 @@ class QtMainQueue : public MainQueue {
   // this call has run. Callable from any thread. Blocks added after it stay queued.
   void quit();
 
+  // The program is ending: drops every block not yet started and every block added from now on,
+  // unrun. Whoever waits for one of them is released by its destruction (a promise it held is
+  // broken), so no thread is left waiting for a loop that no longer runs. Callable from any thread.
+  void close();
+
   // Blocks added and not yet started.
   std::size_t pendingCount() const;
 
@@ -53,6 +58,7 @@ class QtMainQueue : public MainQueue {
 
   mutable std::mutex mutex_;
   std::deque<Item> items_;
+  bool closed_ = false;    // guarded by mutex_
   bool draining_ = false;  // touched on the application's thread only
   QThread* mainThread_ = nullptr;
   // Lives on the application's thread and receives one wake-up event per item; owned here.

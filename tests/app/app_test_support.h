@@ -3,7 +3,9 @@
 #pragma once
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -112,11 +115,37 @@ inline std::vector<std::string> childEnvironment(const std::map<std::string, std
   return environmentText;
 }
 
+// The user that runs the parts of a test that must meet permissions: "nobody" when the tests run as
+// root (for whom permissions stop nothing), else the test's own user.
+struct NormalUser {
+  uid_t uid = ::getuid();
+  gid_t gid = ::getgid();
+  bool switches() const { return uid != ::getuid(); }
+};
+inline NormalUser normalUser() {
+  NormalUser user;
+  if (::geteuid() != 0) return user;
+  if (const passwd* nobody = ::getpwnam("nobody")) {
+    user.uid = nobody->pw_uid;
+    user.gid = nobody->pw_gid;
+  }
+  return user;
+}
+// Hands `root` and everything in it to the user.
+inline void giveTo(const NormalUser& user, const std::filesystem::path& root) {
+  if (!user.switches()) return;
+  EXPECT_EQ(::lchown(root.c_str(), user.uid, user.gid), 0);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+    EXPECT_EQ(::lchown(entry.path().c_str(), user.uid, user.gid), 0) << entry.path();
+}
+
 // Runs `program` with `arguments`, the test's environment with `overrides` applied (an empty value
-// removes the variable), standard output and error captured through files in `scratch`.
+// removes the variable), standard output and error captured through files in `scratch`; as `user`
+// when one is given.
 inline ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments,
                                 const std::map<std::string, std::string>& overrides,
-                                const std::filesystem::path& scratch) {
+                                const std::filesystem::path& scratch,
+                                const std::optional<NormalUser>& user = std::nullopt) {
   std::vector<std::string> environmentText = childEnvironment(overrides);
   std::vector<char*> envp;
   for (auto& entry : environmentText) envp.push_back(entry.data());
@@ -129,13 +158,35 @@ inline ProcessResult runProcess(const std::string& program, const std::vector<st
 
   const auto outFile = scratch / "child.out";
   const auto errFile = scratch / "child.err";
+  ProcessResult result;
+  if (user && user->switches()) {
+    // fork rather than spawn, to change the user between the two; only async-signal-safe calls
+    // follow in the child.
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const int out = ::open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      const int err = ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+      if (out < 0 || err < 0 || in < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0 || ::dup2(in, 0) < 0)
+        ::_exit(126);
+      if (::setgroups(0, nullptr) != 0 || ::setgid(user->gid) != 0 || ::setuid(user->uid) != 0) ::_exit(126);
+      ::execve(program.c_str(), argv.data(), envp.data());
+      ::_exit(127);
+    }
+    int status = 0;
+    while (child > 0 && ::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (child > 0 && WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+    result.out = readWholeFile(outFile);
+    result.err = readWholeFile(errFile);
+    return result;
+  }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   pid_t pid = 0;
-  ProcessResult result;
   const int spawned = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) {

@@ -100,6 +100,24 @@ TEST_F(StoreCommandTest, CommandsOnAMissingStoreFailWithAHint) {
   EXPECT_EQ(report.out, "No deletion reports.\n");
 }
 
+// A file that is no store: one clear line, and SQLite's own account only when asked for.
+TEST_F(StoreCommandTest, AFileThatIsNoStoreFailsInOneLineWithDetailOnlyWhenVerbose) {
+  std::filesystem::create_directories(home_.library().folder());
+  std::ofstream(home_.library().storeFile(), std::ios::binary) << std::string(4096, 'x');
+  const CommandResult plain = run({"status"});
+  EXPECT_EQ(plain.exitCode, kExitFailure);
+  EXPECT_EQ(std::count(plain.err.begin(), plain.err.end(), '\n'), 1) << plain.err;
+  EXPECT_NE(plain.err.find("isn’t in the correct format."), std::string::npos) << plain.err;
+  EXPECT_EQ(plain.err.find("SQLite"), std::string::npos) << plain.err;
+  EXPECT_EQ(plain.err.find(home_.library().storeFile().string()), std::string::npos) << plain.err;
+
+  const CommandResult verbose = run({"--verbose", "status"});
+  EXPECT_EQ(verbose.exitCode, kExitFailure);
+  EXPECT_TRUE(verbose.err.starts_with(plain.err)) << verbose.err;
+  EXPECT_NE(verbose.err.find("SQLite 26: file is not a database"), std::string::npos) << verbose.err;
+  EXPECT_NE(verbose.err.find(home_.library().storeFile().string()), std::string::npos) << verbose.err;
+}
+
 TEST_F(StoreCommandTest, CreateThenCreateAgainFails) {
   EXPECT_EQ(run({"create"}).exitCode, kExitOk);
   const CommandResult again = run({"create"});

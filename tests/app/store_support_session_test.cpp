@@ -218,18 +218,28 @@ class MonitoredBus {
   int markers_ = 0;
 };
 
-// A process whose name is the main application's: a copy of sleep, under that name.
+// A process named as the main application, started the ways a desktop session starts programs: a
+// copy of sleep under that name, a link of that name to sleep, or sleep itself started by a
+// launcher that names it in its first argument.
 class StandInApplication {
  public:
-  explicit StandInApplication(const fs::path& folder) {
-    const fs::path program = folder / "Tesselune";
-    fs::copy_file("/bin/sleep", program, fs::copy_options::overwrite_existing);
-    std::string name = program.string(), duration = "600";
+  enum class Start { Copy, Link, FirstArgument };
+
+  explicit StandInApplication(const fs::path& folder, Start start = Start::Copy) {
+    const fs::path named = folder / "Tesselune";
+    fs::remove(named);
+    if (start == Start::Copy) fs::copy_file("/bin/sleep", named);
+    if (start == Start::Link) fs::create_symlink("/bin/sleep", named);
+    const std::string program = start == Start::FirstArgument ? "/bin/sleep" : named.string();
+    std::string name = named.string(), duration = "600";
     char* argv[] = {name.data(), duration.data(), nullptr};
-    if (::posix_spawn(&pid_, name.c_str(), nullptr, nullptr, argv, environ) != 0) pid_ = -1;
-    // The program looks in /proc: wait until the kernel names the process after its new image.
+    if (::posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv, environ) != 0) pid_ = -1;
+    // The program looks in /proc: wait until the process runs its new image.
+    const fs::path self = fs::read_symlink("/proc/self/exe");
     for (int attempt = 0; attempt < 500 && pid_ > 0; ++attempt) {
-      if (testing::readWholeFile(fs::path("/proc") / std::to_string(pid_) / "comm") == "Tesselune\n") break;
+      std::error_code ec;
+      const fs::path image = fs::read_symlink(fs::path("/proc") / std::to_string(pid_) / "exe", ec);
+      if (!ec && image != self) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
@@ -523,6 +533,27 @@ TEST_F(StoreSupportSessionTest, TheSignalGoesOutOncePerPassThatFindsAReportWhile
   EXPECT_EQ(bus.deletionSignals(), passes);
 }
 
+// However the session started the main application, a waiting report is announced to it.
+TEST_F(StoreSupportSessionTest, TheApplicationIsFoundThroughALinkOrALauncherAsThroughACopy) {
+  MonitoredBus bus(home_.root() / "bus");
+  ASSERT_TRUE(bus.ready()) << "dbus-daemon and dbus-monitor are needed";
+  DemoOptions options = testing::smallDemo();
+  options.markedChromatograms = options.markedSearches = options.markedSearchGroups =
+      options.markedDataCollections = 0;
+  buildDemo(options);
+  fs::create_directories(home_.library().temporaryFolder());
+  std::ofstream(home_.library().temporaryFolder() / "storeSupport_3.info") << "unread";
+
+  int expected = 0;
+  for (auto start : {StandInApplication::Start::Copy, StandInApplication::Start::Link,
+                     StandInApplication::Start::FirstArgument}) {
+    StandInApplication application(home_.root(), start);
+    const auto run = runProgram(bus.address());
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(bus.deletionSignals(), ++expected) << "start " << static_cast<int>(start) << "\n" << run.err;
+  }
+}
+
 TEST_F(StoreSupportSessionTest, NoSignalWithoutTheApplicationOrWithoutAReport) {
   MonitoredBus bus(home_.root() / "bus");
   ASSERT_TRUE(bus.ready()) << "dbus-daemon and dbus-monitor are needed";
@@ -538,14 +569,22 @@ TEST_F(StoreSupportSessionTest, NoSignalWithoutTheApplicationOrWithoutAReport) {
 }
 
 // Without a reachable bus the running application cannot be told: each pass that would have posted
-// says so in one line on standard output, and the run ends as usual.
-TEST_F(StoreSupportSessionTest, WithoutABusEachPassThatWouldPostSaysSoOnce) {
+// counts it among its errors, the alert at the end shows them, and the log never claims a signal
+// went out.
+TEST_F(StoreSupportSessionTest, WithoutABusEachPassThatWouldPostEndsInTheErrorAlert) {
   buildDemo(testing::smallDemo());
   StandInApplication application(home_.root());
-  const auto run = runProgram();
+  const auto run = runProgramOnTerminal();
   EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(countOf(run.out, "\n"), 2u) << run.out;
-  EXPECT_EQ(countOf(run.out, "The notification remoteObjectsDelete could not be posted"), 2u) << run.out;
+  EXPECT_EQ(countOf(run.err, "Starting delete operation"), 2u) << run.err;
+  EXPECT_EQ(countOf(run.err, "Sending global notification remoteObjectsDelete"), 0u) << run.err;
+  EXPECT_EQ(countOf(run.err, "Alert ("), 1u) << run.err;
+  EXPECT_NE(
+      run.err.find("Alert (informational): Several errors ocurred in course of chromatogram deletion.."),
+      std::string::npos)
+      << run.err;
+  EXPECT_EQ(countOf(run.err, "The notification remoteObjectsDelete could not be posted"), 2u) << run.err;
+  EXPECT_TRUE(run.out.empty()) << run.out;
   EXPECT_EQ(reports().size(), 1u);
 }
 

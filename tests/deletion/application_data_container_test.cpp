@@ -5,7 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
+#include <chrono>
 #include <fstream>
+#include <set>
+#include <thread>
 
 #include "deletion_test_support.h"
 #include "model/store_classes.h"
@@ -98,6 +102,43 @@ TEST_F(ReadOnlyPoolTest, AStoreThatCannotBeAddedLeavesTheCoordinatorWithoutOne) 
   ASSERT_EQ(printed.size(), 1u);
   EXPECT_TRUE(printed[0].starts_with("An error occurred when adding a read only store. Reason: "))
       << printed[0];
+}
+
+// The access lock is held elsewhere beyond the wait (a slow store being added, say): two threads
+// then go on without it, and still neither lose nor share a coordinator.
+TEST_F(ReadOnlyPoolTest, ThreadsThatGaveUpWaitingForTheLockStillShareThePoolSafely) {
+  ApplicationDataContainer& data = container_->dataContainer();
+  data.setStoreCoordinatorAccessTimeout(std::chrono::milliseconds(0));
+  ASSERT_TRUE(data.storeCoordinatorAccessLock().tryLock());
+
+  constexpr int kEach = 2000;
+  std::set<PersistentStoreCoordinator*> given;
+  std::vector<std::unique_ptr<PersistentStoreCoordinator>> own[2];
+  for (auto& list : own) {
+    for (int i = 0; i < kEach; ++i) {
+      list.push_back(std::make_unique<PersistentStoreCoordinator>(data.managedObjectModel()));
+      given.insert(list.back().get());
+    }
+  }
+  std::barrier allGivenBack(2);
+  std::vector<std::unique_ptr<PersistentStoreCoordinator>> taken[2];
+  auto work = [&](int t) {
+    for (auto& coordinator : own[t])
+      data.deactivateReadOnlyStoreCoordinatorWithReadOnlyStoreCoordinator(std::move(coordinator));
+    allGivenBack.arrive_and_wait();
+    for (int i = 0; i < kEach; ++i) taken[t].push_back(data.activateReadOnlyStoreCoordinator());
+  };
+  std::thread first(work, 0), second(work, 1);
+  first.join();
+  second.join();
+  data.storeCoordinatorAccessLock().unlock();
+
+  std::set<PersistentStoreCoordinator*> back;
+  for (auto& list : taken) {
+    for (auto& coordinator : list) back.insert(coordinator.get());
+  }
+  EXPECT_EQ(back, given) << "a coordinator was lost, or handed out twice";
+  EXPECT_EQ(data.idleReadOnlyStoreCoordinatorCount(), 0u);
 }
 
 }  // namespace

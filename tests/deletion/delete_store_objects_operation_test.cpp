@@ -247,8 +247,84 @@ TEST_F(DeletionPassTest, LaunchOnAStoreThatCannotBeOpenedShowsTheCriticalAlertOn
   EXPECT_EQ(alerts[0].messageText, "Failure when trying to delete a large object from the store.");
   EXPECT_TRUE(alerts[0].informativeText.starts_with("Failure to add the Tesselune store.\rReason: "))
       << alerts[0].informativeText;
-  EXPECT_EQ(fakes_->log->lines(), Strings{"Starting store support application"});
+  EXPECT_EQ(alerts[0].informativeText.find(storeFile().string()), std::string::npos)
+      << "no path for the user";
+  // The log line of the failure keeps what the user is spared.
+  const Strings lines = fakes_->log->lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "Starting store support application");
+  EXPECT_TRUE(lines[1].starts_with("Failure when trying to open the store: Tesselune-storeSupport 1: "))
+      << lines[1];
   EXPECT_EQ(fakes_->terminationCount(), 0) << "the caller exits at once instead";
+}
+
+// A place where the data folder cannot be made: a file where the group's folder belongs.
+Url blockedGroupContainer() {
+  const fs::path blocked = scratchFolder("blocked");
+  std::ofstream(blocked / "group") << "a file where the folder belongs";
+  return Url::fileUrl((blocked / "group").string(), true);
+}
+
+TEST_F(DeletionPassTest, LaunchWhereTheDataFolderCannotBeMadeShowsItsAlertOnly) {
+  container_.reset();
+  fakes_->groups->setContainer(blockedGroupContainer());
+  EXPECT_FALSE(startStoreSupport(fakes_->services()));
+  const auto alerts = fakes_->alerts->shown();
+  ASSERT_EQ(alerts.size(), 1u);
+  EXPECT_EQ(alerts[0].messageText,
+            "Fatal Error when trying to create the folder to store the application data.");
+  EXPECT_EQ(fakes_->terminationCount(), 1);
+  EXPECT_EQ(fakes_->log->lines(), Strings{"Starting store support application"});
+}
+
+// The data folder can no longer be made while a pass runs: its alert is the last one, the pass takes
+// up no further object, reports what went, and no pass follows.
+TEST_F(DeletionPassTest, ADataFolderLostDuringAPassEndsTheRunAfterOneAlert) {
+  insertChromatogram(*context_, "First", "runs/first", true);
+  insertChromatogram(*context_, "Second", "runs/second", true);
+  save(*context_);
+  const Url blocked = blockedGroupContainer();
+  fakes_->log->onLine = [&](std::string_view line) {
+    if (line == "Starting to delete a chromatogram") fakes_->groups->setContainer(blocked);
+  };
+
+  const DeletionRoundsSummary summary = runDeletionRounds(container_);
+  EXPECT_EQ(summary.passes, 1);
+  EXPECT_EQ(summary.deletedObjects, 1);
+  EXPECT_EQ(count("Chromatogram"), 1);
+  const auto alerts = fakes_->alerts->shown();
+  ASSERT_EQ(alerts.size(), 1u);
+  EXPECT_EQ(alerts[0].messageText,
+            "Fatal Error when trying to create the folder to store the application data.");
+  EXPECT_EQ(fakes_->terminationCount(), 1);
+  const Strings lines = fakes_->log->lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Starting to delete a chromatogram"), 1) << lines.size();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Ending store support application"), 0);
+  EXPECT_EQ(reportNames(), Strings{"storeSupport.info"});
+}
+
+// The main application (or another run) deletes a marked object after the pass fetched it: the
+// pass skips it without counting or reporting it, and so does not run again for its sake.
+TEST_F(DeletionPassTest, AnObjectThatWentAfterTheFetchIsNeitherCountedNorReported) {
+  auto kept = insertChromatogram(*context_, "Marked", "", true);
+  insertChromatogram(*context_, "Gone", "", true);
+  save(*context_);
+  bool removed = false;
+  fakes_->log->onLine = [&](std::string_view line) {
+    if (line != "Starting to delete a chromatogram" || removed) return;
+    removed = true;
+    runSql(storeFile(), "DELETE FROM ZCHROMATOGRAM WHERE ZCHROMATOGRAMNAME = 'Gone';");
+  };
+
+  const DeletionRoundsSummary summary = runDeletionRounds(container_);
+  EXPECT_TRUE(removed);
+  EXPECT_TRUE(summary.errors.empty()) << summary.errors[0].debugDescription();
+  EXPECT_EQ(summary.deletedObjects, 1);
+  EXPECT_EQ(summary.passes, 2);
+  EXPECT_EQ(count("Chromatogram"), 0);
+  ASSERT_EQ(reportNames(), Strings{"storeSupport.info"});
+  EXPECT_EQ(urisOfReport(report("storeSupport.info")),
+            Strings{kept->objectID().URIRepresentation().absoluteString()});
 }
 
 }  // namespace

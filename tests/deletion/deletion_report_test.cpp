@@ -3,14 +3,46 @@
 
 #include "deletion/deletion_report.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <fstream>
 
 #include "fixtures.h"
 #include "foundation/keyed_unarchiver.h"
 #include "foundation/property_list.h"
 #include "objectstore/description/managed_object_model.h"
+
+// This test program's file system can be told to lack what FAT and some network mounts lack: a
+// rename that refuses to replace, and hard links. The program's own calls reach these definitions,
+// which otherwise pass the call on to the kernel.
+namespace {
+std::atomic<bool> refuseNoReplaceRename{false};
+std::atomic<bool> refuseHardLinks{false};
+}  // namespace
+
+extern "C" int renameat2(int oldDirectory, const char* oldPath, int newDirectory, const char* newPath,
+                         unsigned int flags) noexcept {
+  if (refuseNoReplaceRename && (flags & RENAME_NOREPLACE) != 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_renameat2, oldDirectory, oldPath, newDirectory, newPath, flags));
+}
+
+extern "C" int link(const char* from, const char* to) noexcept {
+  if (refuseHardLinks) {
+    errno = EPERM;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_linkat, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
 
 namespace tesselune {
 namespace {
@@ -113,6 +145,59 @@ TEST_F(DeletionReportTest, FindsReportsByNameAmongRegularVisibleFiles) {
   EXPECT_FALSE(deletionReportExists(folder_));
   touch("storeSupportOld.info");
   EXPECT_TRUE(deletionReportExists(folder_));
+}
+
+// On a file system without a rename that refuses to replace, and then without hard links too,
+// reports are still written whole under free names, and reports already there are kept.
+TEST_F(DeletionReportTest, ReportsAreWrittenWhereRenamesCannotRefuseAndLinksAreMissing) {
+  struct Restore {
+    ~Restore() { refuseNoReplaceRename = refuseHardLinks = false; }
+  } restore;
+  std::ofstream(folder_ / "storeSupport_0.info") << "unread";
+  const std::vector<ManagedObjectID> deleted{id("Chromatogram", 3), id("Spectrum", 9)};
+  std::vector<fs::path> written;
+  for (bool noLinks : {false, true}) {
+    refuseNoReplaceRename = true;
+    refuseHardLinks = noLinks;
+    for (int i = 0; i < 2; ++i) {
+      auto file = writeDeletionReport(folder_, deleted, true);
+      ASSERT_TRUE(file) << file.error().debugDescription();
+      written.push_back(*file);
+    }
+  }
+  EXPECT_EQ(written,
+            (std::vector<fs::path>{folder_ / "storeSupport.info", folder_ / "storeSupport_1.info",
+                                   folder_ / "storeSupport_2.info", folder_ / "storeSupport_3.info"}));
+  for (const fs::path& file : written) {
+    auto report = readDeletionReport(file);
+    ASSERT_TRUE(report) << file << ": " << report.error().debugDescription();
+    EXPECT_EQ(report->uris.size(), 2u);
+  }
+  std::ifstream unread(folder_ / "storeSupport_0.info");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(unread), {}), "unread");
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()), 5)
+      << "no scratch file left";
+}
+
+// A run killed while it wrote leaves its scratch file; the next report clears it away. A writer that
+// still runs keeps its file, and so does anything else in the folder.
+TEST_F(DeletionReportTest, AKilledRunsScratchFilesAreClearedByTheNextReport) {
+  const pid_t gone = ::fork();
+  if (gone == 0) ::_exit(0);
+  ASSERT_GT(gone, 0);
+  ::waitpid(gone, nullptr, 0);
+  const std::string abandoned = ".storeSupport." + std::to_string(gone) + ".2718.tmp";
+  const std::string running = ".storeSupport." + std::to_string(::getppid()) + ".3141.tmp";
+  for (const std::string& name :
+       {abandoned, running, std::string(".storeSupport.notes.tmp"), std::string("other.tmp")})
+    touch(name);
+
+  ASSERT_TRUE(writeDeletionReport(folder_, {id("Chromatogram", 1)}, true));
+  EXPECT_FALSE(fs::exists(folder_ / abandoned));
+  EXPECT_TRUE(fs::exists(folder_ / running));
+  EXPECT_TRUE(fs::exists(folder_ / ".storeSupport.notes.tmp"));
+  EXPECT_TRUE(fs::exists(folder_ / "other.tmp"));
+  EXPECT_TRUE(fs::exists(folder_ / "storeSupport.info"));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -81,11 +82,12 @@ class RecordingNotifications : public DistributedNotificationCenter {
   std::vector<std::pair<std::string, std::string>> posted_;
 };
 
+// The running applications by the names they answer to.
 class FixedWorkspace : public Workspace {
  public:
-  std::vector<std::string> runningApplicationNames() override {
+  bool isApplicationRunning(std::string_view localizedName) override {
     std::lock_guard lock(mutex_);
-    return names_;
+    return std::find(names_.begin(), names_.end(), localizedName) != names_.end();
   }
   void setNames(std::vector<std::string> names) {
     std::lock_guard lock(mutex_);
@@ -101,12 +103,19 @@ class FixedGroupContainers : public GroupContainerLocator {
  public:
   explicit FixedGroupContainers(std::optional<Url> container) : container_(std::move(container)) {}
   std::optional<Url> containerUrlForGroupIdentifier(std::string_view identifier) override {
+    std::lock_guard lock(mutex_);
     asked.emplace_back(identifier);
     return container_;
+  }
+  // Moves the container, also while a run asks from other threads.
+  void setContainer(std::optional<Url> container) {
+    std::lock_guard lock(mutex_);
+    container_ = std::move(container);
   }
   std::vector<std::string> asked;
 
  private:
+  std::mutex mutex_;
   std::optional<Url> container_;
 };
 

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -28,8 +27,6 @@ TEST(ProcWorkspaceTest, FindsThisProcessByCommandAndExecutableName) {
   EXPECT_EQ(comm, executable.substr(0, 15));
   EXPECT_TRUE(workspace.isApplicationRunning(comm));
   EXPECT_TRUE(workspace.isApplicationRunning(executable));
-  const std::vector<std::string> names = workspace.runningApplicationNames();
-  EXPECT_NE(std::find(names.begin(), names.end(), executable), names.end());
 
   EXPECT_FALSE(workspace.isApplicationRunning("no-such-application-here"));
   EXPECT_FALSE(workspace.isApplicationRunning(""));
@@ -44,19 +41,46 @@ class FakeProcTest : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(root_); }
 
-  void process(int pid, const std::string& comm, const std::string& exe, char state = 'S') {
+  void process(int pid, const std::string& comm, const std::string& exe, char state = 'S',
+               const std::vector<std::string>& arguments = {}) {
     const fs::path folder = root_ / std::to_string(pid);
     fs::create_directories(folder);
     if (!comm.empty()) std::ofstream(folder / "comm") << comm << '\n';
     if (!exe.empty()) fs::create_symlink(exe, folder / "exe");
     std::ofstream(folder / "stat") << pid << " (" << comm << ") " << state << " 1 1 1\n";
+    std::ofstream commandLine(folder / "cmdline", std::ios::binary);
+    for (const std::string& argument : arguments) commandLine << argument << '\0';
   }
 
   fs::path root_;
 };
 
-TEST_F(FakeProcTest, NamesComeInProcessOrderAndSkipWhatCannotCount) {
-  process(12, "Tesselune", "/opt/Tesselune/bin/Tesselune");
+// Each of the three names counts on its own: a link's name reaches the command name, a launcher's
+// "exec -a" the first argument, a copy the executable.
+TEST_F(FakeProcTest, AProcessAnswersToItsCommandExecutableOrFirstArgumentName) {
+  process(3, "Tesselune", "/usr/bin/sleep", 'S', {"/home/u/bin/Tesselune", "600"});
+  EXPECT_TRUE(ProcWorkspace(root_).isApplicationRunning("Tesselune"));
+  fs::remove_all(root_ / "3");
+  process(4, "ld-linux-x86-64", "/lib64/ld-linux-x86-64.so.2", 'S', {"/tmp/.mount_x/Tesselune", "--flag"});
+  EXPECT_TRUE(ProcWorkspace(root_).isApplicationRunning("Tesselune"));
+  fs::remove_all(root_ / "4");
+  process(5, "bash", "/opt/Tesselune/Tesselune (deleted)", 'S', {"bash"});
+  EXPECT_TRUE(ProcWorkspace(root_).isApplicationRunning("Tesselune"));
+  fs::remove_all(root_ / "5");
+
+  // Nothing but whole, exact names: not a path, not a prefix, not another case, not an argument
+  // after the first.
+  process(6, "tesselune", "/usr/bin/python3", 'S', {"python3", "/opt/Tesselune"});
+  process(7, "Tesselune Helpe", "/opt/Tesselune Helper", 'S', {"Tesselune Helper"});
+  process(8, "Ghost", "", 'Z', {"Tesselune"});  // a zombie
+  ProcWorkspace workspace(root_);
+  EXPECT_FALSE(workspace.isApplicationRunning("Tesselune"));
+  EXPECT_TRUE(workspace.isApplicationRunning("Tesselune Helper"));
+  EXPECT_FALSE(workspace.isApplicationRunning("/opt/Tesselune"));
+  EXPECT_FALSE(workspace.isApplicationRunning(""));
+}
+
+TEST_F(FakeProcTest, WhatCannotCountIsSkipped) {
   process(7, "", "/opt/helper/Tesselune Helper (deleted)");  // replaced since it started
   process(30, "Ghost", "", 'Z');                             // a zombie
   process(31, "odd) Z (name", "");                           // parentheses in the name
@@ -65,14 +89,11 @@ TEST_F(FakeProcTest, NamesComeInProcessOrderAndSkipWhatCannotCount) {
   std::ofstream(root_ / "version") << "not a process\n";
 
   ProcWorkspace workspace(root_);
-  EXPECT_EQ(workspace.runningApplicationNames(),
-            (std::vector<std::string>{"Tesselune Helper", "Tesselune", "odd) Z (name"}));
-  EXPECT_TRUE(workspace.isApplicationRunning("Tesselune"));
   EXPECT_TRUE(workspace.isApplicationRunning("Tesselune Helper"));
+  EXPECT_TRUE(workspace.isApplicationRunning("odd) Z (name"));
   EXPECT_FALSE(workspace.isApplicationRunning("Ghost"));
-  EXPECT_FALSE(workspace.isApplicationRunning("Tesselun"));
-
-  EXPECT_TRUE(ProcWorkspace(root_ / "missing").runningApplicationNames().empty());
+  EXPECT_FALSE(workspace.isApplicationRunning("40"));
+  EXPECT_FALSE(ProcWorkspace(root_ / "missing").isApplicationRunning("Tesselune"));
 }
 
 }  // namespace

@@ -9,8 +9,11 @@
 #include <QPushButton>
 #include <QTimer>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -170,6 +173,34 @@ TEST(QtAlertPresenterTest, AlertsFromWorkersAreShownOneAtATimeThroughTheMainQueu
   ASSERT_EQ(shown.size(), 2u);
   EXPECT_NE(shown[0], shown[1]);
   EXPECT_EQ(watcher.maxVisible(), 1);
+}
+
+// The loop has ended (the program quits) while workers still ask for alerts: closing the queue
+// releases the one already waiting and refuses the next, so that nothing waits forever for a box.
+TEST(QtAlertPresenterTest, AlertsAskedForAfterTheLoopEndedNeverLeaveTheirThreadWaiting) {
+  QApplication& app = testing::testApplication();
+  auto queue = std::make_shared<QtMainQueue>();
+  auto presenter = std::make_shared<QtAlertPresenter>(queue, AlertDisplay::Widgets);
+  queue->quit();
+  ASSERT_EQ(app.exec(), 0);
+
+  AlertContent alert;
+  alert.messageText = "Too late";
+  auto ask = [presenter, alert] {
+    return std::async(std::launch::async, [=] { return presenter->runModal(alert); });
+  };
+  std::future<int> waiting = ask();
+  while (queue->pendingCount() == 0) std::this_thread::yield();
+  queue->close();
+  std::future<int> refused = ask();
+  for (std::future<int>* answer : {&waiting, &refused}) {
+    if (answer->wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+      ADD_FAILURE() << "a thread still waits for the alert";
+      std::_Exit(1);  // it would never be joined
+    }
+    EXPECT_EQ(answer->get(), 0);
+  }
+  EXPECT_TRUE(visibleBoxes().empty());
 }
 
 }  // namespace

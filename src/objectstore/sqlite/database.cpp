@@ -368,23 +368,38 @@ Expected<bool> Database::tableExists(std::string_view name) {
   return statement->step();
 }
 
+// The user reads what the platform would say of the file; the result code, SQLite's own message,
+// the statement and the path are the detail that goes to the log.
 Error Database::error(int code, std::string_view sql) const {
   const std::string message = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(code);
   const std::string file = path_.filename().string();
+  const std::string detail = sql.empty()
+                                 ? fmt::format("SQLite {}: {}; {}", code, message, path_.string())
+                                 : fmt::format("SQLite {}: {}; {}; {}", code, message, sql, path_.string());
   switch (code & 0xFF) {
     case SQLITE_NOTADB:
     case SQLITE_CORRUPT:
-      return Error(std::string(kCocoaErrorDomain), kFileReadCorruptFileError,
-                   fmt::format("The file “{}” couldn’t be opened because it isn’t in the correct format. "
-                               "(SQLite: {}; {}; {})",
-                               file, message, sql, path_.string()));
-    case SQLITE_CANTOPEN:
       return Error(
-          std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
-          fmt::format("The file “{}” couldn’t be opened. (SQLite: {}; {})", file, message, path_.string()));
+          std::string(kCocoaErrorDomain), kFileReadCorruptFileError,
+          fmt::format("The file “{}” couldn’t be opened because it isn’t in the correct format.", file),
+          detail);
+    case SQLITE_CANTOPEN:
+      return Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
+                   fmt::format("The file “{}” couldn’t be opened.", file), detail);
+    case SQLITE_READONLY:
+    case SQLITE_PERM:
+      return Error(std::string(kCocoaErrorDomain), kFileWriteNoPermissionError,
+                   fmt::format("The file “{}” couldn’t be saved because you don’t have permission.", file),
+                   detail);
+    case SQLITE_FULL:
+      return Error(std::string(kCocoaErrorDomain), kFileWriteOutOfSpaceError,
+                   fmt::format("The file “{}” couldn’t be saved because there isn’t enough space.", file),
+                   detail);
     default:
+      // SQLite's own message is a sentence of its own (a trigger's, a lock's); the statement is not.
       return Error("NSSQLiteErrorDomain", code,
-                   fmt::format("SQLite error {} on “{}”: {} ({})", code, file, message, sql));
+                   fmt::format("The operation on the file “{}” couldn’t be completed: {}.", file, message),
+                   detail);
   }
 }
 

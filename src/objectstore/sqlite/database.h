@@ -116,7 +116,8 @@ class Database {
   const std::filesystem::path& path() const { return path_; }
   sqlite3* handle() const { return db_; }
 
-  // The Error for a failed call: SQLite's message and code, the SQL and the file.
+  // The Error for a failed call: what the platform would tell the user of the file, with SQLite's
+  // code and message, the SQL and the file's path as its debug detail.
   Error error(int code, std::string_view sql) const;
 
  private:

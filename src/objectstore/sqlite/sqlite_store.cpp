@@ -16,18 +16,21 @@ namespace tesselune {
 
 namespace {
 
+// What the user reads is the platform's sentence for the file; why, and where, is the detail.
 Status checkFileExists(const std::filesystem::path& path) {
   std::error_code ec;
   if (std::filesystem::is_regular_file(path, ec)) return {};
   return fail(Error(std::string(kCocoaErrorDomain), kFileReadNoSuchFileError,
-                    fmt::format("The file “{}” couldn’t be opened because there is no such file. ({})",
-                                path.filename().string(), path.string())));
+                    fmt::format("The file “{}” couldn’t be opened because there is no such file.",
+                                path.filename().string()),
+                    fmt::format("no regular file at {}", path.string())));
 }
 
 Error notAStore(const std::filesystem::path& path, std::string_view why) {
   return Error(std::string(kCocoaErrorDomain), kFileReadCorruptFileError,
-               fmt::format("The file “{}” couldn’t be opened because it isn’t a store: {}.",
-                           path.filename().string(), why));
+               fmt::format("The file “{}” couldn’t be opened because it isn’t in the correct format.",
+                           path.filename().string()),
+               fmt::format("not a store: {}; {}", why, path.string()));
 }
 
 }  // namespace
