@@ -228,14 +228,17 @@ Status deleteAndCount(SqliteStore& store, const EntityDescription& entity, const
 // An error met on a scratch copy, told as the store itself would have told it.
 Error asIfOnTheStore(const Error& error, const std::filesystem::path& copy,
                      const std::filesystem::path& store) {
-  std::string text = error.localizedDescription();
-  for (const auto& [from, to] : {std::pair{copy.string(), store.string()},
-                                 std::pair{copy.filename().string(), store.filename().string()}}) {
-    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-      text.replace(at, from.size(), to);
+  auto retold = [&](std::string text) {
+    for (const auto& [from, to] : {std::pair{copy.string(), store.string()},
+                                   std::pair{copy.filename().string(), store.filename().string()}}) {
+      for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+      }
     }
-  }
-  return Error(error.domain(), error.code(), std::move(text));
+    return text;
+  };
+  return Error(error.domain(), error.code(), retold(error.localizedDescription()),
+               retold(error.debugDetail()));
 }
 
 }  // namespace

@@ -372,7 +372,7 @@ Expected<StoreInspection> inspectStore(SqliteStore& store, const std::string& mo
   const std::map<std::string, std::int64_t>& ownRows = *rows;
 
   std::map<std::int64_t, std::int64_t> maxKeys;
-  if (auto s = readCounters(database, maxKeys, result.history); !s) return fail(s.error());
+  if (auto s = readCounters(store.database(), maxKeys, result.history); !s) return fail(s.error());
 
   const auto hashes = store.model().entityVersionHashes();
   for (const auto& entity : store.model().entities()) {
@@ -433,9 +433,12 @@ Expected<StoreInspection> inspectStoreWithoutModel(Database& database, const std
       if (!counts->isNull(0)) ownRows[counts->integer(0)] += counts->integer(1);
     }
   }
+  std::map<std::int64_t, std::int64_t> maxKeys;
+  if (auto s = readCounters(database, maxKeys, result.history); !s) return fail(s.error());
   for (const CatalogEntity& entity : catalog->entities()) {
     EntitySummary summary;
     summary.name = entity.name;
+    if (auto it = maxKeys.find(entity.number); it != maxKeys.end()) summary.maxKey = it->second;
     const CatalogEntity* parent = entity.superNumber != 0 ? catalog->entity(entity.superNumber) : nullptr;
     if (parent != nullptr) summary.superentity = parent->name;
     summary.number = entity.number;

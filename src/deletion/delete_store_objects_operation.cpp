@@ -32,6 +32,7 @@ void DeleteStoreObjectsOperation::main() {
     return;
   }
 
+  journal_ = std::make_unique<DeletionJournal>(applicationContainer_->temporaryFolderURL().path());
   std::vector<ManagedObjectID> deleted;
   bool chromatogramDeleted = false;
   auto append = [&deleted](const std::vector<ManagedObjectID>& ids) {
@@ -39,6 +40,10 @@ void DeleteStoreObjectsOperation::main() {
   };
 
   if (auto ids = fetchMarked("Chromatogram", *marked); ids && !ids->empty()) {
+    if (auto noted = journal_->noteChromatogramDeleted(); !noted) {
+      errors_.push_back(noted.error());
+      return;
+    }
     for (const ManagedObjectID& id : *ids) {
       if (ending()) break;
       append(deleteChromatogram(id));
@@ -82,11 +87,13 @@ void DeleteStoreObjectsOperation::reportDeletions(const std::vector<ManagedObjec
   const std::filesystem::path folder = applicationContainer_->temporaryFolderURL().path();
   if (!deleted.empty()) {
     if (auto written = writeDeletionReport(folder, deleted, chromatogramDeleted); !written) {
-      // Older reports may wait in the folder, but a pass whose report failed tells nobody.
+      // Older reports may wait in the folder, but a pass whose report failed tells nobody. Its
+      // journal stays for the next run to report from.
       errors_.push_back(written.error());
       return;
     }
   }
+  if (journal_) journal_->discard();
   if (!deletionReportExists(folder)) return;
   if (!services.workspace || !services.workspace->isApplicationRunning(kMainApplicationName)) return;
   if (!services.notifications) return;
@@ -136,9 +143,14 @@ void DeleteStoreObjectsOperation::deleteStoreObject(ManagedObjectContext& contex
   if (!existing) return;
   auto object = std::dynamic_pointer_cast<C>(*existing);
   if (!object) return;
-  const std::vector<ManagedObjectID> related =
-      object->willBeDeleted(nullptr, deletionSupport(applicationContainer_->services()));
+  DeletionSupport support = deletionSupport(applicationContainer_->services());
+  support.willDeleteChunk = [this](const std::vector<ManagedObjectID>& ids) { return journal_->append(ids); };
+  const std::vector<ManagedObjectID> related = object->willBeDeleted(nullptr, support);
   list.insert(list.end(), related.begin(), related.end());
+  if (auto recorded = journal_->append({id}); !recorded) {
+    errors_.push_back(recorded.error());
+    return;  // not deleted: the next pass looks again
+  }
 
   auto request = BatchDeleteRequest::initWithObjectIDs({id});
   request.resultType = BatchDeleteRequestResultType::ResultTypeCount;
@@ -181,11 +193,14 @@ void DeleteStoreObjectsOperation::deleteDataCollections(ManagedObjectContext& co
     errors_.push_back(found.error());
   } else if (!found->empty()) {
     logLine(services, "Starting to delete data collections");
-    for (const auto& object : *found) {
-      const ManagedObjectID id = object->objectID();
-      context.deleteObject(object);
-      deleted.push_back(id);
+    std::vector<ManagedObjectID> ids;
+    for (const auto& object : *found) ids.push_back(object->objectID());
+    if (auto recorded = journal_->append(ids); !recorded) {
+      errors_.push_back(recorded.error());
+      return;
     }
+    for (const auto& object : *found) context.deleteObject(object);
+    deleted.insert(deleted.end(), ids.begin(), ids.end());
     logLine(services, "Ending the delete of data collections");
   }
   // Always saved: the model's delete rules take what goes with a data collection.

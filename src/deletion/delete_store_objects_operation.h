@@ -16,6 +16,7 @@
 #include <optional>
 #include <vector>
 
+#include "deletion/deletion_journal.h"
 #include "deletion/store_support_container.h"
 #include "foundation/error.h"
 #include "foundation/operation_queue.h"
@@ -68,6 +69,8 @@ class DeleteStoreObjectsOperation : public Operation {
   std::shared_ptr<StoreSupportContainer> applicationContainer_;
   std::unique_ptr<ManagedObjectContext> mainObjectContext_;
   std::vector<Error> errors_;
+  // What the pass is about to delete, on disk until its report is written.
+  std::unique_ptr<DeletionJournal> journal_;
   std::int64_t numberOfDeletedObjects_ = 0;
 };
 

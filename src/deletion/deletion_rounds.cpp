@@ -2,13 +2,71 @@
 
 #include "deletion/deletion_rounds.h"
 
+#include <fmt/format.h>
+
 #include "deletion/delete_store_objects_operation.h"
+#include "deletion/deletion_journal.h"
+#include "deletion/deletion_report.h"
 
 namespace tesselune {
+
+namespace {
+
+// Reports what journals of killed or failed passes name and the store no longer holds, then drops
+// the journals. A journal whose report cannot be written stays for the next run.
+void reportLeftJournals(StoreSupportContainer& container, std::vector<Error>& errors) {
+  const std::filesystem::path folder = container.temporaryFolderURL().path();
+  const std::vector<std::filesystem::path> journals = leftJournals(folder);
+  if (journals.empty()) return;
+  PersistentStoreCoordinator& coordinator = container.dataContainer().persistentStoreCoordinator();
+  ManagedObjectContext context(ManagedObjectContextConcurrencyType::PrivateQueue);
+  context.setUndoManager(nullptr);
+  context.setPersistentStoreCoordinator(&coordinator);
+  for (const std::filesystem::path& path : journals) {
+    auto journal = readJournal(path);
+    if (!journal) {
+      errors.push_back(journal.error());
+      continue;
+    }
+    std::vector<ManagedObjectID> gone;
+    std::optional<Error> failure;
+    context.performBlockAndWait([&] {
+      for (const Url& uri : journal->uris) {
+        auto id = coordinator.managedObjectIDForURIRepresentation(uri);
+        if (!id) continue;  // another store's: not ours to report
+        auto existing = context.existingObjectWithID(*id);
+        if (existing) continue;  // its delete never committed
+        if (existing.error().code() != kManagedObjectReferentialIntegrityError) {
+          failure = existing.error();
+          return;
+        }
+        gone.push_back(*id);
+      }
+      context.reset();
+    });
+    if (failure) {
+      errors.push_back(*failure);
+      continue;
+    }
+    if (!gone.empty()) {
+      if (auto written = writeDeletionReport(folder, gone, journal->chromatogramDeleted); !written) {
+        errors.push_back(written.error());
+        continue;
+      }
+    }
+    logLine(container.services(),
+            fmt::format("Reported {} objects deleted by an earlier run that ended early", gone.size()));
+    std::error_code ec;
+    std::filesystem::remove(path, ec);
+  }
+}
+
+}  // namespace
 
 DeletionRoundsSummary runDeletionRounds(const std::shared_ptr<StoreSupportContainer>& container) {
   const StoreSupportServices& services = container->services();
   DeletionRoundsSummary summary;
+  reportLeftJournals(*container, summary.errors);
   // A fatal failure elsewhere (the data folder gone) ends the program: no further pass, no alert.
   while (!terminationRequested(services)) {
     logLine(services, "Starting delete operation");

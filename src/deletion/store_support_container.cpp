@@ -61,7 +61,8 @@ Status StoreSupportContainer::openStore() {
     return fail(
         failure->customErrorWithDomain("Tesselune-storeSupport", 1, "Failure to add the Tesselune store."));
   // A store that opening had to bring to the current layout says so once, in the log.
-  if (const SqliteStore* store = dataContainer_->persistentStoreCoordinator().persistentStoreForURL(description.url);
+  if (const SqliteStore* store =
+          dataContainer_->persistentStoreCoordinator().persistentStoreForURL(description.url);
       store != nullptr && !store->openingNote().empty()) {
     logLine(services_, store->openingNote());
   }

@@ -54,7 +54,7 @@ inline bool requestTermination(const StoreSupportServices& services) {
 
 // What the deletion hooks of the store's objects get from the services.
 inline DeletionSupport deletionSupport(const StoreSupportServices& services) {
-  return DeletionSupport{services.printLine, services.log, services.alerts, services.chunkDeleted};
+  return DeletionSupport{services.printLine, services.log, services.alerts, services.chunkDeleted, {}};
 }
 
 // One line on standard output, through the services' printLine when it is set.

@@ -59,7 +59,8 @@ Expected<RemovalRules> Chromatogram::rulesForRemovingDataFolder(const FolderDesc
   RemovalRules rules;
   rules.protectedPaths.emplace_back(kTemporaryFolderName);
   const std::optional<FileIdentity> libraryIdentity = identityBelow(library, ".");
-  ManagedObjectContext* context = contextWithFallback();
+  const ContextHandle held = contextWithFallback();  // kept alive while the rules are read
+  ManagedObjectContext* context = held.get();
   if (PersistentStoreCoordinator* coordinator = context ? context->persistentStoreCoordinator() : nullptr) {
     for (const SqliteStore* store : coordinator->persistentStores()) {
       const bool inLibrary = identityBelow(library, store->path().parent_path().string()) == libraryIdentity;

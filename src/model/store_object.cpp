@@ -5,12 +5,32 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include "foundation/main_queue.h"
 #include "model/application_control.h"
 
 namespace tesselune {
+
+namespace {
+
+// Waits before trying a chunk again that the store's lock refused: 1 s, 2 s, 4 s, on top of the
+// busy timeout each attempt waits itself.
+constexpr std::chrono::milliseconds kLockRetryFirstWait{1000};
+constexpr std::chrono::milliseconds kLockRetryLastWait{4000};
+
+// SQLite's "database is locked" (busy) and "table is locked".
+bool isLockError(const Error& error) {
+  constexpr int kBusy = 5;
+  constexpr int kLocked = 6;
+  return error.domain() == "NSSQLiteErrorDomain" &&
+         ((error.code() & 0xFF) == kBusy || (error.code() & 0xFF) == kLocked);
+}
+
+}  // namespace
 
 void DeletionSupport::print(const std::string& line) const {
   if (printLine) {
@@ -76,10 +96,24 @@ Expected<std::vector<ManagedObjectID>> batchDeleteWithFetch(ManagedObjectContext
       }
     }
     if (chunk.empty()) continue;
+    if (support.willDeleteChunk) {
+      if (auto recorded = support.willDeleteChunk(chunk); !recorded) {
+        failure = recorded.error();
+        continue;
+      }
+    }
     auto batch = BatchDeleteRequest::initWithObjectIDs(std::move(chunk));
     batch.resultType = BatchDeleteRequestResultType::ResultTypeObjectIDs;
+    const auto started = std::chrono::steady_clock::now();
     deleting.performBlockAndWait([&] {
       auto result = deleting.executeRequest(batch);
+      // The main application holding the store longer than the busy timeout: tried again a few
+      // times, waiting longer each time, before the chunk counts as failed.
+      for (auto wait = kLockRetryFirstWait;
+           !result && isLockError(result.error()) && wait <= kLockRetryLastWait; wait *= 2) {
+        std::this_thread::sleep_for(wait);
+        result = deleting.executeRequest(batch);
+      }
       if (!result) {
         failure = result.error();
         return;
@@ -88,6 +122,11 @@ Expected<std::vector<ManagedObjectID>> batchDeleteWithFetch(ManagedObjectContext
       deleted.insert(deleted.end(), result->objectIDs.begin(), result->objectIDs.end());
       if (support.chunkDeleted) support.chunkDeleted(result->objectIDs);
     });
+    // The main application writes the same store: between chunks it gets the lock for about as
+    // long as a chunk held it, so that its busy handler, which polls, finds it free.
+    const auto held = std::chrono::steady_clock::now() - started;
+    std::this_thread::sleep_for(std::clamp<std::chrono::steady_clock::duration>(
+        held / 2, std::chrono::milliseconds(2), std::chrono::milliseconds(50)));
   }
   if (failure) return fail(*failure);
   return deleted;

@@ -42,6 +42,9 @@ struct DeletionSupport {
   std::shared_ptr<AlertPresenter> alerts;
   // Told after each chunk of a batch delete is committed, with the chunk's IDs, for finer progress.
   std::function<void(const std::vector<ManagedObjectID>&)> chunkDeleted;
+  // Asked before each chunk of a batch delete runs, with the chunk's IDs (to record them durably);
+  // a failure skips the chunk, which then counts as a failed one.
+  std::function<Status(const std::vector<ManagedObjectID>&)> willDeleteChunk;
 
   void print(const std::string& line) const;
   void logLine(std::string_view line) const;

@@ -53,11 +53,12 @@ TEST(StoreWithoutModel, InspectTellsTheHierarchyAndCountsFromTheStoresOwnList) {
   EXPECT_NE(inspected.out.find(
                 "Relationships and delete rules: unknown without a model (give it with --model PATH)\n"
                 "Entities:\n"
-                "  Book (Z_ENT 2, table ZMEDIA, sub-entity of Media): 1 objects, 4 with its sub-entities\n"
-                "  Magazine (Z_ENT 4, table ZMEDIA, sub-entity of Media): 1 objects\n"
-                "  Media (Z_ENT 1, table ZMEDIA): 0 objects, 5 with its sub-entities\n"
-                "  Novel (Z_ENT 3, table ZMEDIA, sub-entity of Book): 3 objects\n"
-                "  Shelf (Z_ENT 5, table ZSHELF): 2 objects\n"),
+                "  Book (Z_ENT 2, table ZMEDIA, sub-entity of Media): 1 objects, 4 with its sub-entities; "
+                "Z_MAX 0\n"
+                "  Magazine (Z_ENT 4, table ZMEDIA, sub-entity of Media): 1 objects; Z_MAX 0\n"
+                "  Media (Z_ENT 1, table ZMEDIA): 0 objects, 5 with its sub-entities; Z_MAX 9\n"
+                "  Novel (Z_ENT 3, table ZMEDIA, sub-entity of Book): 3 objects; Z_MAX 0\n"
+                "  Shelf (Z_ENT 5, table ZSHELF): 2 objects; Z_MAX 2\n"),
             std::string::npos)
       << inspected.out;
   EXPECT_EQ(inspected.out.find("Other tables"), std::string::npos) << inspected.out;
@@ -70,7 +71,7 @@ TEST(StoreWithoutModel, InspectTellsTheHierarchyAndCountsFromTheStoresOwnList) {
       << json.out;
   EXPECT_NE(json.out.find(
                 "{\"name\": \"Novel\", \"superentity\": \"Book\", \"abstract\": false, \"entityNumber\": "
-                "3, \"table\": \"ZMEDIA\", \"rows\": 3, \"rowsWithSubentities\": 3, \"versionHash\": null, "
+                "3, \"table\": \"ZMEDIA\", \"rows\": 3, \"rowsWithSubentities\": 3, \"maxKey\": 0, \"versionHash\": null, "
                 "\"storeVersionHash\": null, \"relationships\": []}"),
             std::string::npos)
       << json.out;

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include <algorithm>
 #include <fstream>
 
@@ -206,18 +208,20 @@ TEST_F(DeletionPassTest, AnObjectThatNeverGoesStopsAfterFivePassesWithOneAlert) 
   EXPECT_TRUE(report("storeSupport_1.info").chromatogramDeleted);
 }
 
-TEST_F(DeletionPassTest, AReportThatCannotBeWrittenEndsThePassWithoutNotification) {
+// Where neither the journal nor a report can be written, nothing is deleted: what went would be
+// reported to nobody. The pass ends with its error shown and no notification.
+TEST_F(DeletionPassTest, AFolderThatCannotTakeTheJournalDeletesNothingAndSaysSo) {
   insertChromatogram(*context_, "Run", "", true);
   save(*context_);
   std::ofstream(temporaryFolder()) << "a file where the folder belongs";
   fakes_->workspace->setNames({"Tesselune"});
 
   const DeletionRoundsSummary summary = runDeletionRounds(container_);
-  EXPECT_EQ(summary.passes, 2);
+  EXPECT_EQ(summary.passes, 1);
   ASSERT_EQ(summary.errors.size(), 1u);
-  EXPECT_EQ(summary.errors[0].domain(), "Tesselune-storeSupport");
-  EXPECT_EQ(summary.errors[0].code(), 3);
-  EXPECT_EQ(count("Chromatogram"), 0) << "the store keeps what the pass committed";
+  EXPECT_EQ(summary.errors[0].domain(), "NSPOSIXErrorDomain");
+  EXPECT_EQ(summary.errors[0].code(), ENOTDIR);
+  EXPECT_EQ(count("Chromatogram", "destinedForDeletion == TRUE"), 1) << "nothing goes unrecorded";
   EXPECT_TRUE(fakes_->notifications->posted().empty());
   const auto alerts = fakes_->alerts->shown();
   ASSERT_EQ(alerts.size(), 1u);

@@ -1,6 +1,6 @@
 // A deletion run killed in the middle of a chromatogram's clean-up, and the run after it: each batch
 // delete is one transaction, so the killed run leaves whole chunks deleted and the chromatogram still
-// marked, and the next run finishes the job.
+// marked, and the next run reports what the killed one deleted (from its journal) and finishes the job.
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -8,7 +8,9 @@
 
 #include <csignal>
 #include <fstream>
+#include <set>
 
+#include "deletion/deletion_journal.h"
 #include "deletion/deletion_report.h"
 #include "deletion/deletion_rounds.h"
 #include "deletion_test_support.h"
@@ -65,16 +67,29 @@ TEST_F(InterruptedDeletionTest, AKilledRunLeavesWholeChunksAndTheNextRunComplete
   EXPECT_EQ(count("Chromatogram", "destinedForDeletion == TRUE"), 1);
   EXPECT_EQ(count("SpectrumSingle"), kSpectra - 1000);
   EXPECT_FALSE(deletionReportExists(temporaryFolder()));
+  EXPECT_EQ(leftJournals(temporaryFolder()).size(), 1u);
 
   const DeletionRoundsSummary summary = runDeletionRounds(container_);
   EXPECT_TRUE(summary.errors.empty());
   EXPECT_EQ(summary.passes, 2);
   EXPECT_EQ(count("Chromatogram"), 0);
   EXPECT_EQ(count("SpectrumSingle"), 0);
-  auto report = readDeletionReport(temporaryFolder() / "storeSupport.info");
+  // First what the killed run deleted, from its journal; then the pass that finished the job: every
+  // object once.
+  auto earlier = readDeletionReport(temporaryFolder() / "storeSupport.info");
+  ASSERT_TRUE(earlier) << earlier.error().debugDescription();
+  EXPECT_EQ(earlier->uris.size(), 2u + 1000u);  // the two maps, then the first chunk of spectra
+  EXPECT_TRUE(earlier->chromatogramDeleted);
+  auto report = readDeletionReport(temporaryFolder() / "storeSupport_0.info");
   ASSERT_TRUE(report) << report.error().debugDescription();
   EXPECT_EQ(report->uris.size(), static_cast<std::size_t>(kSpectra - 1000 + 1));
   EXPECT_TRUE(report->chromatogramDeleted);
+  std::set<std::string> reported;
+  for (const auto* r : {&*earlier, &*report})
+    for (const Url& uri : r->uris)
+      EXPECT_TRUE(reported.insert(uri.absoluteString()).second) << uri.absoluteString();
+  for (const auto& entry : fs::directory_iterator(temporaryFolder()))
+    EXPECT_FALSE(entry.path().string().ends_with(".journal")) << entry.path();
   EXPECT_TRUE(deliverAlerts().empty());
 }
 

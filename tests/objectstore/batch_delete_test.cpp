@@ -131,11 +131,11 @@ class BatchDeleteTest : public ::testing::Test {
   void insertPeople() {
     sql("INSERT INTO ZPERSON (Z_PK, Z_ENT, Z_OPT, ZNAME, ZPASSPORT) VALUES (1, 14, 1, 'Ann', 1), "
         "(2, 16, 1, 'Bob', 2), (3, 15, 1, 'Cyd', NULL)");
-    sql("INSERT INTO ZPASSPORT (Z_PK, Z_ENT, Z_OPT, ZPERSON, Z13_PERSON) VALUES (1, 13, 1, 1, 14), "
+    sql("INSERT INTO ZPASSPORT (Z_PK, Z_ENT, Z_OPT, ZPERSON, Z14_PERSON) VALUES (1, 13, 1, 1, 14), "
         "(2, 13, 1, 2, 16)");
-    sql("INSERT INTO ZCAR (Z_PK, Z_ENT, Z_OPT, ZOWNER, Z4_OWNER) VALUES (1, 4, 1, 1, 14), (2, 4, 1, 1, 14), "
+    sql("INSERT INTO ZCAR (Z_PK, Z_ENT, Z_OPT, ZOWNER, Z14_OWNER) VALUES (1, 4, 1, 1, 14), (2, 4, 1, 1, 14), "
         "(3, 4, 1, 2, 16), (4, 4, 1, 3, 15)");
-    sql("INSERT INTO ZNOTE (Z_PK, Z_ENT, Z_OPT, ZPERSON, Z12_PERSON, Z_FOK_PERSON) VALUES "
+    sql("INSERT INTO ZNOTE (Z_PK, Z_ENT, Z_OPT, ZPERSON, Z14_PERSON, Z_FOK_PERSON) VALUES "
         "(1, 12, 1, 1, 14, 1024), (2, 12, 1, 1, 14, 2048), (3, 12, 1, 3, 15, 1024)");
     sql("INSERT INTO ZGROUP (Z_PK, Z_ENT, Z_OPT) VALUES (1, 7, 1)");
     sql("INSERT INTO Z_7MEMBERS (Z_7GROUPS, Z_14MEMBERS) VALUES (1, 1), (1, 3)");
@@ -175,7 +175,7 @@ TEST_F(BatchDeleteTest, DeleteRulesOfEveryKindOfRelationship) {
   EXPECT_EQ(rows("SELECT Z_PK FROM ZPASSPORT ORDER BY Z_PK"), (std::vector<std::string>{"2"}));
   EXPECT_EQ(rows("SELECT Z_PK FROM ZCAR ORDER BY Z_PK"), (std::vector<std::string>{"3", "4"}));
   // Nullify clears the key, its entity number and its order, and bumps the version of the row.
-  EXPECT_EQ(rows("SELECT Z_PK, ZPERSON, Z12_PERSON, Z_FOK_PERSON, Z_OPT FROM ZNOTE ORDER BY Z_PK"),
+  EXPECT_EQ(rows("SELECT Z_PK, ZPERSON, Z14_PERSON, Z_FOK_PERSON, Z_OPT FROM ZNOTE ORDER BY Z_PK"),
             (std::vector<std::string>{"1|-|-|-|2", "2|-|-|-|2", "3|3|15|1024|1"}));
   // Many-to-many: nullify takes the join rows only; cascade the other side too.
   EXPECT_EQ(rows("SELECT * FROM Z_7MEMBERS"), (std::vector<std::string>{"1|3"}));

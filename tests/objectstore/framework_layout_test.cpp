@@ -275,9 +275,9 @@ TEST(FrameworkLayout, RefusesALayoutThatNoNamingExplains) {
   }
   auto store = SqliteStore::open(path, model, {});
   ASSERT_FALSE(store);
-  EXPECT_NE(store.error().localizedDescription().find("its table ZMESSAGE has no column Z2_FOLDER1"),
+  EXPECT_NE(store.error().debugDescription().find("its table ZMESSAGE has no column Z2_FOLDER1"),
             std::string::npos)
-      << store.error().localizedDescription();
+      << store.error().debugDescription();
 }
 
 // --- The model cached in every new store ----------------------------------------------------------
