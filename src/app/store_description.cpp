@@ -285,26 +285,34 @@ std::string deleteRulesUnknownText(const OpenedStore& opened) {
       path.string(), why);
 }
 
+// Adds the objects of every entity sharing `table` to `rows`, by Z_ENT, in one pass over the table.
+Status countRowsPerEntityNumber(Database& database, const std::string& table,
+                                std::map<std::int64_t, std::int64_t>& rows) {
+  auto counts = database.prepare(fmt::format("SELECT Z_ENT, COUNT(*) FROM {} GROUP BY Z_ENT", table));
+  if (!counts) return fail(counts.error());
+  while (true) {
+    auto row = counts->step();
+    if (!row) return fail(row.error());
+    if (!*row) break;
+    if (!counts->isNull(0)) rows[counts->integer(0)] += counts->integer(1);
+  }
+  return {};
+}
+
 Expected<std::map<std::string, std::int64_t>> rowsPerEntity(SqliteStore& store) {
   Database& database = store.database();
-  // One pass over each table counts the objects of every entity sharing it.
-  std::map<std::string, std::int64_t> ownRows;
+  std::map<std::int64_t, std::int64_t> byNumber;
   for (const auto& entity : store.model().entities()) {
     if (entity->superentity() != nullptr) continue;
     const std::string table = SqliteStore::tableName(*entity);
     auto exists = database.tableExists(table);
     if (!exists) return fail(exists.error());
     if (!*exists) continue;
-    auto counts = database.prepare(fmt::format("SELECT Z_ENT, COUNT(*) FROM {} GROUP BY Z_ENT", table));
-    if (!counts) return fail(counts.error());
-    while (true) {
-      auto row = counts->step();
-      if (!row) return fail(row.error());
-      if (!*row) break;
-      if (const EntityDescription* member = store.entityForNumber(counts->integer(0))) {
-        ownRows[member->name()] += counts->integer(1);
-      }
-    }
+    if (auto s = countRowsPerEntityNumber(database, table, byNumber); !s) return fail(s.error());
+  }
+  std::map<std::string, std::int64_t> ownRows;
+  for (const auto& [number, rows] : byNumber) {
+    if (const EntityDescription* member = store.entityForNumber(number)) ownRows[member->name()] += rows;
   }
   return ownRows;
 }
@@ -420,18 +428,10 @@ Expected<StoreInspection> inspectStoreWithoutModel(Database& database, const std
   }
   if (auto s = describeFile(database, *metadata, known, result); !s) return fail(s.error());
 
-  // One pass over each table counts the objects of every entity sharing it.
   std::map<std::int64_t, std::int64_t> ownRows;
   for (const std::string& table : entityTables) {
     if (std::find(tables->begin(), tables->end(), table) == tables->end()) continue;
-    auto counts = database.prepare(fmt::format("SELECT Z_ENT, COUNT(*) FROM {} GROUP BY Z_ENT", table));
-    if (!counts) return fail(counts.error());
-    while (true) {
-      auto row = counts->step();
-      if (!row) return fail(row.error());
-      if (!*row) break;
-      if (!counts->isNull(0)) ownRows[counts->integer(0)] += counts->integer(1);
-    }
+    if (auto s = countRowsPerEntityNumber(database, table, ownRows); !s) return fail(s.error());
   }
   std::map<std::int64_t, std::int64_t> maxKeys;
   if (auto s = readCounters(database, maxKeys, result.history); !s) return fail(s.error());

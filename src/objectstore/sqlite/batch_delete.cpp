@@ -211,20 +211,6 @@ class TriggerPlanner {
   std::vector<const RelationshipDescription*> order_;
 };
 
-Status bindAll(Statement& statement, const std::vector<Value>& values) {
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    if (auto s = statement.bind(static_cast<int>(i) + 1, values[i]); !s) return s;
-  }
-  return {};
-}
-
-Status runSql(Database& db, std::string_view sql, const std::vector<Value>& values) {
-  auto statement = db.prepare(sql);
-  if (!statement) return fail(statement.error());
-  if (auto s = bindAll(*statement, values); !s) return s;
-  return statement->run();
-}
-
 Expected<bool> recursiveTriggers(Database& db) {
   auto statement = db.prepare("PRAGMA recursive_triggers");
   if (!statement) return fail(statement.error());
@@ -262,8 +248,7 @@ Expected<BatchDeleteResult> deleteRows(SqliteStore& store, const EntityDescripti
           fmt::format("CREATE TEMP TABLE {} (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER)", kRowsTable));
       !s)
     return fail(s.error());
-  if (auto s = runSql(
-          db,
+  if (auto s = db.run(
           fmt::format("INSERT INTO temp.{} SELECT Z_PK, Z_ENT FROM {} WHERE {}", kRowsTable, table, where),
           rows.bindings);
       !s)

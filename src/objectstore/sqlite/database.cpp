@@ -333,6 +333,20 @@ void Database::clearStatementCache() {
   idle_.clear();
 }
 
+Status Statement::bindAll(const std::vector<Value>& values) {
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (auto s = bind(static_cast<int>(i) + 1, values[i]); !s) return s;
+  }
+  return {};
+}
+
+Status Database::run(std::string_view sql, const std::vector<Value>& values) {
+  auto statement = prepare(sql);
+  if (!statement) return fail(statement.error());
+  if (auto s = statement->bindAll(values); !s) return s;
+  return statement->run();
+}
+
 Status Database::execute(std::string_view sql) {
   char* message = nullptr;
   const int rc = sqlite3_exec(db_, std::string(sql).c_str(), nullptr, nullptr, &message);

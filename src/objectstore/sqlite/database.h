@@ -35,6 +35,8 @@ class Statement {
   // Binds parameter `index` (1-based): null, bool and integers as INTEGER, double as REAL, string
   // as TEXT, data and UUID as BLOB, date as REAL seconds since 2001, URL as its absolute TEXT.
   [[nodiscard]] Status bind(int index, const Value& value);
+  // Binds `values` to parameters 1, 2, … in order.
+  [[nodiscard]] Status bindAll(const std::vector<Value>& values);
   // Runs one step: true while a row is ready, false when done.
   [[nodiscard]] Expected<bool> step();
   // Steps to the end, for statements that return no rows.
@@ -111,6 +113,8 @@ class Database {
   static constexpr std::size_t kStatementCacheSize = 16;
   // Runs statements that bind nothing.
   [[nodiscard]] Status execute(std::string_view sql);
+  // Prepares `sql`, binds `values` to its parameters in order and runs it to the end.
+  [[nodiscard]] Status run(std::string_view sql, const std::vector<Value>& values);
   [[nodiscard]] Expected<bool> tableExists(std::string_view name);
 
   const std::filesystem::path& path() const { return path_; }

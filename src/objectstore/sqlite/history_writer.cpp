@@ -7,7 +7,6 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "foundation/process_info.h"
 
@@ -21,33 +20,11 @@ constexpr std::string_view kDeletedLog = "Z_HISTORY_DELETED";
 constexpr std::string_view kNullifiedLog = "Z_HISTORY_NULLIFIED";
 constexpr std::string_view kLogTriggerPrefix = "Z_HISTORY_TRIGGER_";
 
-// Seconds between the Unix epoch and 2001-01-01 UTC, where the history's timestamps count from.
-constexpr double kReferenceDateOffset = 978307200.0;
-
-double secondsSinceReferenceDate() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration<double>(now).count() - kReferenceDateOffset;
-}
-
-Status bindAll(Statement& statement, const std::vector<Value>& values) {
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    if (auto s = statement.bind(static_cast<int>(i) + 1, values[i]); !s) return s;
-  }
-  return {};
-}
-
-Status runSql(Database& db, std::string_view sql, const std::vector<Value>& values) {
-  auto statement = db.prepare(sql);
-  if (!statement) return fail(statement.error());
-  if (auto s = bindAll(*statement, values); !s) return s;
-  return statement->run();
-}
-
 Expected<std::int64_t> singleInteger(Database& db, std::string_view sql,
                                      const std::vector<Value>& values = {}) {
   auto statement = db.prepare(sql);
   if (!statement) return fail(statement.error());
-  if (auto s = bindAll(*statement, values); !s) return fail(s.error());
+  if (auto s = statement->bindAll(values); !s) return fail(s.error());
   auto row = statement->step();
   if (!row) return fail(row.error());
   return *row && !statement->isNull(0) ? statement->integer(0) : 0;
@@ -205,11 +182,11 @@ Expected<std::int64_t> HistoryWriter::allocateKeys(Database& db, std::int64_t en
     const std::string name = entity == kChangeEntity        ? "CHANGE"
                              : entity == kTransactionEntity ? "TRANSACTION"
                                                             : "TRANSACTIONSTRING";
-    if (auto s = runSql(db, "INSERT INTO Z_PRIMARYKEY (Z_ENT, Z_NAME, Z_SUPER, Z_MAX) VALUES (?, ?, 0, ?)",
+    if (auto s = db.run("INSERT INTO Z_PRIMARYKEY (Z_ENT, Z_NAME, Z_SUPER, Z_MAX) VALUES (?, ?, 0, ?)",
                         {Value(entity), Value(name), Value(max + count)});
         !s)
       return fail(s.error());
-  } else if (auto s = runSql(db, "UPDATE Z_PRIMARYKEY SET Z_MAX = ? WHERE Z_ENT = ?",
+  } else if (auto s = db.run("UPDATE Z_PRIMARYKEY SET Z_MAX = ? WHERE Z_ENT = ?",
                              {Value(max + count), Value(entity)});
              !s) {
     return fail(s.error());
@@ -227,8 +204,7 @@ Expected<Value> HistoryWriter::internString(Database& db, const std::string& nam
   if (*row) return Value(select->integer(0));
   auto key = allocateKeys(db, kStringEntity, 1);
   if (!key) return fail(key.error());
-  if (auto s = runSql(
-          db,
+  if (auto s = db.run(
           fmt::format("INSERT INTO {} (Z_PK, Z_ENT, Z_OPT, ZNAME) VALUES (?, ?, NULL, ?)", tables_.strings),
           {Value(*key), Value(kStringEntity), Value(name)});
       !s)
@@ -247,12 +223,11 @@ Expected<std::int64_t> HistoryWriter::writeTransaction(Database& db, const Trans
   auto key = allocateKeys(db, kTransactionEntity, 1);
   if (!key) return fail(key.error());
   // The text columns beside the string keys stay empty, as in every store the framework wrote.
-  if (auto s = runSql(db,
-                      fmt::format("INSERT INTO {} (Z_PK, Z_ENT, Z_OPT, ZBUNDLEIDTS, ZPROCESSIDTS, ZAUTHORTS, "
+  if (auto s = db.run(fmt::format("INSERT INTO {} (Z_PK, Z_ENT, Z_OPT, ZBUNDLEIDTS, ZPROCESSIDTS, ZAUTHORTS, "
                                   "ZCONTEXTNAMETS, ZTIMESTAMP) VALUES (?, ?, NULL, ?, ?, ?, ?, ?)",
                                   tables_.transactions),
                       {Value(*key), Value(kTransactionEntity), strings[0], strings[1], strings[2], strings[3],
-                       Value(secondsSinceReferenceDate())});
+                       Value(Date::now().secondsSinceReferenceDate)});
       !s)
     return fail(s.error());
   return *key;
@@ -286,7 +261,7 @@ Status HistoryWriter::recordTransaction(Database& db, const TransactionNames& na
                               change.columns.empty() ? Value() : Value(change.columns)};
     for (std::size_t i = 0; i < tombstoneCount_; ++i)
       values.push_back(i < change.tombstones.size() ? change.tombstones[i] : Value());
-    if (auto s = bindAll(*insert, values); !s) return s;
+    if (auto s = insert->bindAll(values); !s) return s;
     if (auto s = insert->run(); !s) return s;
     if (auto s = insert->reset(); !s) return s;
   }
@@ -356,8 +331,7 @@ Status HistoryWriter::recordBatchLog(Database& db, const TransactionNames& names
   std::string tombstones;
   for (std::size_t i = 0; i < tombstoneCount_; ++i) tombstones += fmt::format(", ZTOMBSTONE{}", i);
   if (auto s =
-          runSql(db,
-                 fmt::format("{} SELECT ?1 + ROW_NUMBER() OVER (ORDER BY rowid) - 1, ?2, NULL, ?3, Z_ENT, "
+          db.run(fmt::format("{} SELECT ?1 + ROW_NUMBER() OVER (ORDER BY rowid) - 1, ?2, NULL, ?3, Z_ENT, "
                              "Z_PK, ?4, NULL{} FROM temp.{} ORDER BY rowid",
                              changeInsertSql(), tombstones, kDeletedLog),
                  {Value(*first), Value(kChangeEntity),
@@ -380,10 +354,10 @@ Status HistoryWriter::recordBatchLog(Database& db, const TransactionNames& names
   std::vector<std::size_t> bits;
   auto flush = [&]() -> Status {
     if (entity == nullptr) return {};
-    if (auto s = bindAll(*insert,
-                         {Value(key++), Value(kChangeEntity),
-                          Value(static_cast<std::int64_t>(HistoryChange::Type::Update)), Value(entityNumber),
-                          Value(row), Value(*transaction), Value(bitmap(*entity, bits))});
+    if (auto s = insert->bindAll({Value(key++), Value(kChangeEntity),
+                                  Value(static_cast<std::int64_t>(HistoryChange::Type::Update)),
+                                  Value(entityNumber), Value(row), Value(*transaction),
+                                  Value(bitmap(*entity, bits))});
         !s)
       return s;
     if (auto s = insert->run(); !s) return s;
