@@ -33,7 +33,7 @@ using testing::Sql;
 
 // Z_PRIMARYKEY as it is: no delete may move a key counter.
 std::vector<std::vector<std::string>> keyCounters(const fs::path& store) {
-  return Sql(store).rows("SELECT Z_ENT, Z_NAME, Z_MAX FROM Z_PRIMARYKEY ORDER BY Z_ENT");
+  return Sql(store).table("SELECT Z_ENT, Z_NAME, Z_MAX FROM Z_PRIMARYKEY ORDER BY Z_ENT");
 }
 
 void expectStoreSound(const fs::path& store) {
@@ -204,9 +204,9 @@ TEST(ForeignStore, DeleteByPredicateTakesOnlyTheMatchingSubEntityRows) {
   const auto counters = keyCounters(store);
   Sql sql(store);
   const std::string moodsOfOthers = "SELECT Z_PK, ZCOUNTRY FROM ZMOOD WHERE ZCOUNTRY <> 30 ORDER BY Z_PK";
-  const auto untouchedMoods = sql.rows(moodsOfOthers);
+  const auto untouchedMoods = sql.table(moodsOfOthers);
   const std::string moodsOf30 = sql.value("SELECT COUNT(*) FROM ZMOOD WHERE ZCOUNTRY = 30");
-  const auto regionsBefore = sql.rows("SELECT * FROM ZGEOGRAPHICREGION WHERE Z_PK <> 30 ORDER BY Z_PK");
+  const auto regionsBefore = sql.table("SELECT * FROM ZGEOGRAPHICREGION WHERE Z_PK <> 30 ORDER BY Z_PK");
 
   // A dry run lists and changes nothing; the store is not even opened for writing.
   fs::permissions(store, fs::perms::owner_read);
@@ -223,9 +223,9 @@ TEST(ForeignStore, DeleteByPredicateTakesOnlyTheMatchingSubEntityRows) {
   ASSERT_EQ(done.exitCode, kExitOk) << done.err;
   EXPECT_NE(done.out.find("Deleted:\n  1 Country\n"), std::string::npos) << done.out;
   EXPECT_EQ(sql.value("SELECT COUNT(*) FROM ZMOOD WHERE ZCOUNTRY IS NULL"), moodsOf30);
-  EXPECT_EQ(sql.rows(moodsOfOthers), untouchedMoods);
+  EXPECT_EQ(sql.table(moodsOfOthers), untouchedMoods);
   // Continents lose the link through the sub-entity's own key column only; nothing else changed.
-  EXPECT_EQ(sql.rows("SELECT * FROM ZGEOGRAPHICREGION ORDER BY Z_PK"), regionsBefore);
+  EXPECT_EQ(sql.table("SELECT * FROM ZGEOGRAPHICREGION ORDER BY Z_PK"), regionsBefore);
   EXPECT_EQ(keyCounters(store), counters);
   expectStoreSound(store);
 }
@@ -267,7 +267,7 @@ TEST(ForeignStore, ManyToManyDeleteRemovesTheLinksAndKeepsTheOtherSide) {
 
   const CommandResult done = runCommand(store, {"delete", "Book", "--where", "title == 'Computing'"});
   ASSERT_EQ(done.exitCode, kExitOk) << done.err;
-  EXPECT_EQ(sql.rows("SELECT Z_1AUTHORS, Z_2BOOKS FROM Z_1BOOKS ORDER BY 1, 2"),
+  EXPECT_EQ(sql.table("SELECT Z_1AUTHORS, Z_2BOOKS FROM Z_1BOOKS ORDER BY 1, 2"),
             (std::vector<std::vector<std::string>>{{"1", "1"}, {"2", "3"}}));
   EXPECT_EQ(sql.value("SELECT group_concat(ZTITLE) FROM (SELECT ZTITLE FROM ZBOOK ORDER BY Z_PK)"),
             "Notes,Morphogenesis");

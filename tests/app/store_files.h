@@ -15,52 +15,12 @@
 #include <vector>
 
 #include "app/store_command.h"
+#include "sqlite_probe.h"
 
 namespace tesselune::testing {
 
-class Sql {
- public:
-  explicit Sql(const std::filesystem::path& path) {
-    if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) ADD_FAILURE() << sqlite3_errmsg(db_);
-  }
-  ~Sql() { sqlite3_close(db_); }
-  Sql(const Sql&) = delete;
-  Sql& operator=(const Sql&) = delete;
-
-  void run(const std::string& sql) {
-    char* message = nullptr;
-    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
-      ADD_FAILURE() << sql << ": " << (message ? message : "");
-    }
-    sqlite3_free(message);
-  }
-  // The rows of a query, each column as text ("NULL" for null).
-  std::vector<std::vector<std::string>> rows(const std::string& sql) {
-    std::vector<std::vector<std::string>> out;
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-      ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db_);
-      return out;
-    }
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-      std::vector<std::string> row;
-      for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-        const unsigned char* text = sqlite3_column_text(statement, i);
-        row.emplace_back(text ? reinterpret_cast<const char*>(text) : "NULL");
-      }
-      out.push_back(std::move(row));
-    }
-    sqlite3_finalize(statement);
-    return out;
-  }
-  std::string value(const std::string& sql) {
-    auto all = rows(sql);
-    return all.empty() || all.front().empty() ? "" : all.front().front();
-  }
-
- private:
-  sqlite3* db_ = nullptr;
-};
+// Plain SQL on a store file apart from the engine.
+using Sql = test::SqliteProbe;
 
 struct CommandResult {
   int exitCode;

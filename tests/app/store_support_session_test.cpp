@@ -330,6 +330,13 @@ class StoreSupportSessionTest : public ::testing::Test {
   void buildDemo(const DemoOptions& options) {
     ASSERT_TRUE(buildDemoStore(home_.library(), options, nullptr));
   }
+  // A small demo store of which nothing is marked for deletion.
+  void buildDemoWithNothingMarked() {
+    DemoOptions options = testing::smallDemo();
+    options.markedChromatograms = options.markedSearches = options.markedSearchGroups =
+        options.markedDataCollections = 0;
+    buildDemo(options);
+  }
 
   std::vector<MarkedObject> marked() {
     auto opened = openMaintenanceStore(home_.library().storeFile(), true);
@@ -356,10 +363,7 @@ class StoreSupportSessionTest : public ::testing::Test {
 };
 
 TEST_F(StoreSupportSessionTest, NothingMarkedIsOnePassThatChangesNothing) {
-  DemoOptions options = testing::smallDemo();
-  options.markedChromatograms = options.markedSearches = options.markedSearchGroups =
-      options.markedDataCollections = 0;
-  buildDemo(options);
+  buildDemoWithNothingMarked();
   const StoreRows before = rows();
 
   const auto run = runProgramOnTerminal();
@@ -537,10 +541,7 @@ TEST_F(StoreSupportSessionTest, TheSignalGoesOutOncePerPassThatFindsAReportWhile
 TEST_F(StoreSupportSessionTest, TheApplicationIsFoundThroughALinkOrALauncherAsThroughACopy) {
   MonitoredBus bus(home_.root() / "bus");
   ASSERT_TRUE(bus.ready()) << "dbus-daemon and dbus-monitor are needed";
-  DemoOptions options = testing::smallDemo();
-  options.markedChromatograms = options.markedSearches = options.markedSearchGroups =
-      options.markedDataCollections = 0;
-  buildDemo(options);
+  buildDemoWithNothingMarked();
   fs::create_directories(home_.library().temporaryFolder());
   std::ofstream(home_.library().temporaryFolder() / "storeSupport_3.info") << "unread";
 
@@ -557,10 +558,7 @@ TEST_F(StoreSupportSessionTest, TheApplicationIsFoundThroughALinkOrALauncherAsTh
 TEST_F(StoreSupportSessionTest, NoSignalWithoutTheApplicationOrWithoutAReport) {
   MonitoredBus bus(home_.root() / "bus");
   ASSERT_TRUE(bus.ready()) << "dbus-daemon and dbus-monitor are needed";
-  DemoOptions options = testing::smallDemo();
-  options.markedChromatograms = options.markedSearches = options.markedSearchGroups =
-      options.markedDataCollections = 0;
-  buildDemo(options);
+  buildDemoWithNothingMarked();
   {
     StandInApplication application(home_.root());
     EXPECT_EQ(runProgram(bus.address()).exitCode, 0);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -14,7 +15,8 @@ namespace tesselune::test {
 
 class SqliteProbe {
  public:
-  explicit SqliteProbe(const std::filesystem::path& path, int flags = SQLITE_OPEN_READWRITE) {
+  explicit SqliteProbe(const std::filesystem::path& path,
+                       int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
     EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db_, flags, nullptr), SQLITE_OK) << path;
   }
   ~SqliteProbe() { sqlite3_close(db_); }
@@ -27,26 +29,37 @@ class SqliteProbe {
         << sql << ": " << (message ? message : "");
     sqlite3_free(message);
   }
-  // Rows with their columns joined by "|", NULL as "NULL".
-  std::vector<std::string> rows(const std::string& sql) {
-    std::vector<std::string> out;
+  // The rows of a query, each column as text ("NULL" for null).
+  std::vector<std::vector<std::string>> table(const std::string& sql) {
+    std::vector<std::vector<std::string>> out;
     sqlite3_stmt* statement = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr), SQLITE_OK) << sql;
+    EXPECT_EQ(sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr), SQLITE_OK)
+        << sql << ": " << sqlite3_errmsg(db_);
     while (statement && sqlite3_step(statement) == SQLITE_ROW) {
-      std::string line;
+      std::vector<std::string> row;
       for (int i = 0; i < sqlite3_column_count(statement); ++i) {
         const auto* text = sqlite3_column_text(statement, i);
-        line += (i ? "|" : "") + std::string(text ? reinterpret_cast<const char*>(text) : "NULL");
+        row.emplace_back(text ? reinterpret_cast<const char*>(text) : "NULL");
       }
-      out.push_back(line);
+      out.push_back(std::move(row));
     }
     sqlite3_finalize(statement);
     return out;
   }
+  // Rows with their columns joined by "|".
+  std::vector<std::string> rows(const std::string& sql) {
+    std::vector<std::string> out;
+    for (const auto& row : table(sql)) {
+      std::string line;
+      for (std::size_t i = 0; i < row.size(); ++i) line += (i ? "|" : "") + row[i];
+      out.push_back(std::move(line));
+    }
+    return out;
+  }
   // The first column of the first row, empty when there is none.
   std::string value(const std::string& sql) {
-    const std::vector<std::string> all = rows(sql);
-    return all.empty() ? std::string() : all.front().substr(0, all.front().find('|'));
+    const auto all = table(sql);
+    return all.empty() || all.front().empty() ? std::string() : all.front().front();
   }
   // The first column of the first row as bytes (a BLOB), empty when there is none.
   std::vector<std::uint8_t> blob(const std::string& sql) {
